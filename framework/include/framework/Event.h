@@ -1,0 +1,59 @@
+#pragma once
+
+#include "framework/Export.h"
+
+namespace Framework {
+
+class EventWaiter;
+
+// What an Event calls when its descriptor is ready.
+class FRAMEWORK_API EventCallbackBase {
+public:
+    virtual ~EventCallbackBase();
+    // fd: the ready descriptor; events: the epoll event bits; arg: the
+    // Event's user data. The result is the handler's own.
+    virtual int invoke(int fd, unsigned int events, void* arg) = 0;
+};
+
+// Calls a member function of T on one object.
+template <class T>
+class EventCallback : public EventCallbackBase {
+public:
+    using Handler = int (T::*)(int fd, unsigned int events, void* arg);
+
+    EventCallback(T* object, Handler handler) : _object(object), _handler(handler) {}
+
+    int invoke(int fd, unsigned int events, void* arg) override { return (_object->*_handler)(fd, events, arg); }
+
+private:
+    T* _object;
+    Handler _handler;
+};
+
+// A descriptor watched for readability by an EventWaiter, with its callback.
+//
+// The Event owns the callback. It does not own the descriptor: whoever opened
+// it closes it. While an Event is registered with a waiter it remembers that
+// waiter, and its destructor takes it out of the waiter's set, so an Event
+// never outlives its registration. Destroy it on the waiter's thread.
+class FRAMEWORK_API Event {
+public:
+    Event(EventCallbackBase* callback, void* arg, int fd);
+    virtual ~Event();
+    Event(const Event&) = delete;
+    Event& operator=(const Event&) = delete;
+
+    int GetFd() const { return _fd; }
+    void* GetArg() const { return _arg; }
+    int Invoke(unsigned int events);
+
+private:
+    friend class EventWaiter;
+
+    EventCallbackBase* _callback;
+    void* _arg;
+    int _fd;
+    EventWaiter* _waiter = nullptr;
+};
+
+}  // namespace Framework

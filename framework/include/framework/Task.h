@@ -1,0 +1,166 @@
+#pragma once
+
+#include <atomic>
+#include <chrono>
+#include <cstdint>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <shared_mutex>
+#include <string>
+#include <utility>
+
+#include <Poco/Task.h>
+
+#include "framework/EventWaiter.h"
+#include "framework/Export.h"
+
+namespace moodycamel {
+struct ConcurrentQueueDefaultTraits;
+template <typename T, typename Traits>
+class ConcurrentQueue;
+}  // namespace moodycamel
+
+namespace Framework {
+
+class Message;
+
+struct TaskCondition {
+    // How the host treats a task; the framework itself runs them all alike.
+    enum TaskType {
+        TASK_TYPE_NONE = 0,
+        TASK_TYPE_ONCE = 1,      // runs to its end once
+        TASK_TYPE_TIMER = 2,     // woken by a timer
+        TASK_TYPE_EVENT = 3,     // woken by messages only
+        TASK_TYPE_RESIDENT = 4,  // loops on its own descriptors until cancelled
+    };
+};
+
+// Result codes of the messaging calls. A handler's own result is >= 0 by
+// convention; the framework's failures are negative so that a caller can tell
+// the two apart (no failure equals a handler's verdict).
+enum MsgResult : int {
+    MSG_OK = 0,
+    MSG_ERR_NULL = -1,           // no message given
+    MSG_ERR_UNKNOWN_TASK = -2,   // no consumer under that id and type, or it is gone
+    MSG_ERR_QUEUE_FULL = -3,     // the receiver's queue holds its capacity
+    MSG_ERR_TIMEOUT = -4,        // no answer within the time-out
+    MSG_ERR_NOT_HANDLED = -5,    // the message was dropped unhandled (receiver stopped)
+    MSG_ERR_SELF = -6,           // a synchronous send to the sending task itself would never end
+};
+
+// A unit of work of the agent: a POCO task with a bounded multi-producer
+// message queue, a consumer map, and an epoll waiter on which its thread
+// sleeps.
+//
+// Threads: Init, Run, UnInit, BulkConsumeMsg and the callbacks of the waiter
+// run on the task's own thread (Init and UnInit on the host's, before and
+// after it). EnqueueMsg, SendMsg, SyncSendMsg, AddConsumer and cancel may be
+// called from any thread.
+//
+// Lifetime: POCO tasks are reference counted; the module that registers a
+// task owns its first reference. Every task is listed in a process-wide
+// registry under its id from construction to destruction, and messages are
+// delivered only through that registry, so a message to a task that is gone
+// fails cleanly instead of touching freed memory.
+class FRAMEWORK_API Task : public Poco::Task {
+public:
+    Task(const std::string& taskName, const std::string& featureName, TaskCondition::TaskType type,
+         int queueCapacity);
+
+    virtual int Init();
+    virtual void UnInit();
+    // The task's body, on its own thread; returns when the task is cancelled
+    // (or its work is done). The result is logged by the host.
+    virtual int Run() = 0;
+
+    // Takes ownership of msg and queues it for this task's thread. Returns 0,
+    // MSG_ERR_NULL, or MSG_ERR_QUEUE_FULL (the message is deleted, counted as
+    // dropped and reported in a rate-limited warning). Never blocks.
+    virtual int EnqueueMsg(Message* msg);
+    // Called on this task's thread before a message is handled; a non-zero
+    // result means the message was taken care of and MessageHandle is skipped.
+    virtual int InterceptMsg(Message* msg);
+    // Called on this task's thread after MessageHandle with its result.
+    virtual void HandleMsg(Message* msg, int result);
+
+    // Registers watcher as the receiver of messages of `type` addressed to
+    // taskId. Registering again replaces the earlier receiver. Returns 0, or
+    // 1 when watcher is null.
+    int AddConsumer(int taskId, const std::string& type, Task* watcher);
+    int RemoveConsumer(int taskId, const std::string& type);
+
+    // Queues msg (ownership passes, whatever the result) for the consumer
+    // registered under (taskId, type). Returns 0 or a MsgResult failure.
+    int SendMsg(unsigned long taskId, const char* type, Message* msg);
+
+    // Sends msg like SendMsg and blocks until the consumer's thread has run
+    // its MessageHandle: returns that result and copies the message's reply
+    // string into response. `last` is the number of delivery attempts while
+    // the consumer's queue is full (values below 1 count as 1); the attempts
+    // are spread over the time-out. The whole call never waits longer than
+    // timeoutMs. On failure returns a negative MsgResult and leaves response
+    // empty. A message handled after its sender gave up is still handled and
+    // then freed by the consumer; nothing of the sender is touched.
+    int SyncSendMsg(unsigned long taskId, const char* type, Message* msg, std::string& response,
+                    long timeoutMs, int last);
+
+    // Handles up to maxCount queued messages on the calling (this task's)
+    // thread and deletes them. Returns how many were taken from the queue.
+    // If messages remain, the next wait returns at once.
+    int BulkConsumeMsg(int maxCount);
+
+    int GetTaskId() const { return _taskId; }
+    const std::string& GetTaskName() const { return name(); }
+    const std::string& GetFeatureName() const { return _featureName; }
+    TaskCondition::TaskType GetTaskType() const { return _taskType; }
+    int GetQueueCapacity() const { return _capacity; }
+    std::size_t GetQueuedMsgCount() const { return _queued.load(std::memory_order_relaxed); }
+    std::uint64_t GetDroppedMsgCount() const { return _dropped.load(std::memory_order_relaxed); }
+
+    EventWaiter& GetEventWaiter() { return _waiter; }
+    bool IsCancelling() const { return state() == TASK_CANCELLING; }
+
+    // POCO's cancel, plus a wake-up of the task's wait so that Run sees the
+    // cancelling state at once instead of at the end of a time-out.
+    void cancel() override;
+    // Calls Run (the POCO entry point of the task's thread).
+    void runTask() override;
+
+    // The id of the task with that name, or 0 when there is none.
+    static int FindTaskIdByName(const std::string& taskName);
+
+protected:
+    ~Task() override;
+
+    // A simple loop for tasks that only serve messages: waits on the waiter
+    // and drains the queue until cancelled. Returns 0.
+    int ServeMessages(int waitTimeoutMs = 1000, int bulkCount = 128);
+
+private:
+    using Queue = moodycamel::ConcurrentQueue<Message*, moodycamel::ConcurrentQueueDefaultTraits>;
+
+    bool TryEnqueue(Message* msg);
+    void CountDrop();
+    Task* LockConsumer(unsigned long taskId, const char* type, std::shared_lock<std::shared_mutex>& lock);
+    int DeliverSync(unsigned long taskId, const char* type, Message* msg, int attempts,
+                    std::chrono::steady_clock::time_point deadline);
+    void HandleOne(Message* msg);
+
+    const int _taskId;
+    const std::string _featureName;
+    const TaskCondition::TaskType _taskType;
+    const int _capacity;
+    std::unique_ptr<Queue> _queue;
+    std::atomic<std::size_t> _queued{0};
+    std::atomic<std::uint64_t> _dropped{0};
+    std::atomic<long long> _lastDropLogTick{0};
+    std::atomic<std::uint64_t> _droppedAtLastLog{0};
+    std::atomic<bool> _cancelRequested{false};
+    EventWaiter _waiter;
+
+    std::mutex _consumerMutex;
+    std::map<std::pair<int, std::string>, int> _consumers;  // (taskId, type) -> receiver's id
+};
+
+}  // namespace Framework

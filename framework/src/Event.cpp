@@ -1,0 +1,34 @@
+#include "framework/Event.h"
+
+#include <exception>
+
+#include <Poco/Logger.h>
+
+#include "FrameworkLog.h"
+#include "framework/EventWaiter.h"
+
+namespace Framework {
+
+EventCallbackBase::~EventCallbackBase() = default;
+
+Event::Event(EventCallbackBase* callback, void* arg, int fd) : _callback(callback), _arg(arg), _fd(fd) {}
+
+Event::~Event() {
+    if (_waiter != nullptr) _waiter->RemoveEvent(this);
+    delete _callback;
+}
+
+int Event::Invoke(unsigned int events) {
+    if (_callback == nullptr) return -1;
+    try {
+        return _callback->invoke(_fd, events, _arg);
+    } catch (const std::exception& e) {
+        // A handler that throws must not take the waiting thread down with it.
+        poco_error(FrameworkLogger(), "event handler of fd " + std::to_string(_fd) + " threw: " + e.what());
+    } catch (...) {
+        poco_error(FrameworkLogger(), "event handler of fd " + std::to_string(_fd) + " threw");
+    }
+    return -1;
+}
+
+}  // namespace Framework

@@ -1,0 +1,233 @@
+#include "framework/Task.h"
+
+#include <climits>
+#include <exception>
+#include <thread>
+
+#include <concurrentqueue/concurrentqueue.h>
+
+#include <Poco/Format.h>
+#include <Poco/Logger.h>
+
+#include "FrameworkLog.h"
+#include "SyncReply.h"
+#include "TaskRegistry.h"
+#include "framework/Message.h"
+#include "sdk/ProcessUtils.h"
+
+namespace Framework {
+
+namespace {
+
+// A full queue can be hit thousands of times a second; one warning per
+// interval says how many were lost without flooding the log.
+constexpr long long kDropLogIntervalMs = 1000;
+constexpr long long kNeverLogged = LLONG_MIN / 2;
+
+}  // namespace
+
+Task::Task(const std::string& taskName, const std::string& featureName, TaskCondition::TaskType type, int queueCapacity)
+    : Poco::Task(taskName),
+      _taskId(TaskRegistry::Instance().NextId()),
+      _featureName(featureName),
+      _taskType(type),
+      _capacity(queueCapacity > 0 ? queueCapacity : 1),
+      _queue(std::make_unique<Queue>(static_cast<std::size_t>(_capacity))),
+      _lastDropLogTick(kNeverLogged) {
+    TaskRegistry::Instance().Register(_taskId, this);
+}
+
+Task::~Task() {
+    // Out of the registry first: from here on no sender can reach the queue.
+    TaskRegistry::Instance().Unregister(_taskId);
+    Message* msg = nullptr;
+    while (_queue->try_dequeue(msg))
+        delete msg;
+}
+
+int Task::Init() {
+    return 0;
+}
+
+void Task::UnInit() {}
+
+int Task::InterceptMsg(Message* /*msg*/) {
+    return 0;
+}
+
+void Task::HandleMsg(Message* /*msg*/, int /*result*/) {}
+
+void Task::cancel() {
+    _cancelRequested.store(true);
+    Poco::Task::cancel();
+    _waiter.Notify();
+}
+
+void Task::runTask() {
+    // POCO marks the task running just before calling here, which overwrites
+    // a cancel that came before the thread started: apply it again.
+    if (_cancelRequested.load()) Poco::Task::cancel();
+    const int result = Run();
+    if (result != 0) {
+        poco_warning(FrameworkLogger(), Poco::format("task %s ended with %d", name(), result));
+    }
+}
+
+int Task::FindTaskIdByName(const std::string& taskName) {
+    return TaskRegistry::Instance().FindIdByName(taskName);
+}
+
+bool Task::TryEnqueue(Message* msg) {
+    if (_queued.fetch_add(1, std::memory_order_acq_rel) >= static_cast<std::size_t>(_capacity)) {
+        _queued.fetch_sub(1, std::memory_order_acq_rel);
+        return false;
+    }
+    if (!_queue->enqueue(msg)) {  // out of memory for a new block
+        _queued.fetch_sub(1, std::memory_order_acq_rel);
+        return false;
+    }
+    _waiter.Notify();
+    return true;
+}
+
+void Task::CountDrop() {
+    const std::uint64_t total = _dropped.fetch_add(1, std::memory_order_relaxed) + 1;
+    const long long now = SDK::TimeUtils::GetCurrentSystemTickUsed();
+    long long last = _lastDropLogTick.load(std::memory_order_relaxed);
+    if (now - last < kDropLogIntervalMs) return;
+    if (!_lastDropLogTick.compare_exchange_strong(last, now)) return;  // another thread logs
+    const std::uint64_t recent = total - _droppedAtLastLog.exchange(total);
+    poco_warning(
+        FrameworkLogger(),
+        Poco::format("task %s (id %d): queue full at %d messages, %Lu dropped since the last "
+                     "report, %Lu in all",
+                     name(), _taskId, _capacity, static_cast<Poco::UInt64>(recent), static_cast<Poco::UInt64>(total)));
+}
+
+int Task::EnqueueMsg(Message* msg) {
+    if (msg == nullptr) return MSG_ERR_NULL;
+    if (TryEnqueue(msg)) return MSG_OK;
+    delete msg;
+    CountDrop();
+    return MSG_ERR_QUEUE_FULL;
+}
+
+int Task::AddConsumer(int taskId, const std::string& type, Task* watcher) {
+    if (watcher == nullptr) return 1;
+    std::lock_guard<std::mutex> lock(_consumerMutex);
+    _consumers[{taskId, type}] = watcher->GetTaskId();
+    return 0;
+}
+
+int Task::RemoveConsumer(int taskId, const std::string& type) {
+    std::lock_guard<std::mutex> lock(_consumerMutex);
+    return _consumers.erase({taskId, type}) != 0 ? 0 : 1;
+}
+
+Task* Task::LockConsumer(unsigned long taskId, const char* type, std::shared_lock<std::shared_mutex>& lock) {
+    if (type == nullptr || taskId > static_cast<unsigned long>(INT_MAX)) return nullptr;
+    int receiver = 0;
+    {
+        std::lock_guard<std::mutex> guard(_consumerMutex);
+        auto it = _consumers.find({static_cast<int>(taskId), std::string(type)});
+        if (it == _consumers.end()) return nullptr;
+        receiver = it->second;
+    }
+    return TaskRegistry::Instance().Find(receiver, lock);
+}
+
+int Task::SendMsg(unsigned long taskId, const char* type, Message* msg) {
+    std::unique_ptr<Message> owned(msg);
+    if (!owned) return MSG_ERR_NULL;
+    std::shared_lock<std::shared_mutex> lock;
+    Task* receiver = LockConsumer(taskId, type, lock);
+    if (receiver == nullptr) {
+        poco_debug(FrameworkLogger(), Poco::format("task %s: no consumer %lu for type %s", name(), taskId,
+                                                   std::string(type != nullptr ? type : "")));
+        return MSG_ERR_UNKNOWN_TASK;
+    }
+    return receiver->EnqueueMsg(owned.release());
+}
+
+int Task::DeliverSync(unsigned long taskId, const char* type, Message* msg, int attempts,
+                      std::chrono::steady_clock::time_point deadline) {
+    for (int attempt = 1;; ++attempt) {
+        {
+            std::shared_lock<std::shared_mutex> lock;
+            Task* receiver = LockConsumer(taskId, type, lock);
+            if (receiver == nullptr) return MSG_ERR_UNKNOWN_TASK;
+            if (receiver == this) return MSG_ERR_SELF;
+            if (receiver->TryEnqueue(msg)) return MSG_OK;
+            if (attempt >= attempts) {
+                receiver->CountDrop();
+                return MSG_ERR_QUEUE_FULL;
+            }
+        }
+        // Spread the remaining attempts evenly over what is left of the time-out.
+        const auto now = std::chrono::steady_clock::now();
+        if (now >= deadline) return MSG_ERR_QUEUE_FULL;
+        std::this_thread::sleep_for((deadline - now) / (attempts - attempt + 1));
+    }
+}
+
+int Task::SyncSendMsg(unsigned long taskId, const char* type, Message* msg, std::string& response, long timeoutMs,
+                      int last) {
+    response.clear();
+    std::unique_ptr<Message> owned(msg);
+    if (!owned) return MSG_ERR_NULL;
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeoutMs > 0 ? timeoutMs : 0);
+    auto reply = std::make_shared<SyncReply>();
+    owned->_sync = reply;
+    const int delivered = DeliverSync(taskId, type, owned.get(), last > 1 ? last : 1, deadline);
+    if (delivered != MSG_OK) return delivered;  // still ours: freed here
+    owned.release();                            // the receiver's now
+
+    int result = MSG_ERR_TIMEOUT;
+    std::string text;
+    if (!reply->WaitUntil(deadline, result, text)) return MSG_ERR_TIMEOUT;
+    response = std::move(text);
+    return result;
+}
+
+void Task::HandleOne(Message* msg) {
+    std::unique_ptr<Message> owned(msg);
+    int result = MSG_ERR_NOT_HANDLED;
+    try {
+        result = InterceptMsg(msg);
+        if (result == 0) result = msg->MessageHandle(static_cast<Task*>(this));
+        HandleMsg(msg, result);
+    } catch (const std::exception& e) {
+        poco_error(FrameworkLogger(), Poco::format("task %s: handler of message %s threw: %s", name(),
+                                                   msg->GetMsgName(), std::string(e.what())));
+    } catch (...) {
+        poco_error(FrameworkLogger(), Poco::format("task %s: handler of message %s threw", name(), msg->GetMsgName()));
+    }
+    if (msg->_sync) msg->_sync->Complete(result, msg->GetMsgReply());
+}
+
+int Task::BulkConsumeMsg(int maxCount) {
+    constexpr int kChunk = 64;
+    Message* batch[kChunk];
+    int taken = 0;
+    while (taken < maxCount) {
+        const std::size_t want = static_cast<std::size_t>(std::min(kChunk, maxCount - taken));
+        const std::size_t got = _queue->try_dequeue_bulk(batch, want);
+        if (got == 0) break;
+        _queued.fetch_sub(got, std::memory_order_acq_rel);
+        taken += static_cast<int>(got);
+        for (std::size_t i = 0; i < got; ++i)
+            HandleOne(batch[i]);
+    }
+    // Messages left for the next pass: make that pass's wait return at once.
+    if (_queued.load(std::memory_order_acquire) > 0) _waiter.Notify();
+    return taken;
+}
+
+int Task::ServeMessages(int waitTimeoutMs, int bulkCount) {
+    while (!IsCancelling()) {
+        if (_waiter.WaitAndHandleEvent(waitTimeoutMs, 128) < 0) BulkConsumeMsg(bulkCount);
+    }
+    return 0;
+}
+
+}  // namespace Framework

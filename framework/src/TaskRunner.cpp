@@ -1,0 +1,35 @@
+#include "framework/TaskRunner.h"
+
+namespace Framework {
+
+TaskRunner::TaskRunner(Task* task) : _task(task, true) {}
+
+TaskRunner::~TaskRunner() {
+    Stop();
+}
+
+int TaskRunner::Start() {
+    if (!_task || _started || _initialised) return 1;
+    const int result = _task->Init();
+    if (result != 0) return result;
+    _initialised = true;
+    _thread = std::make_unique<Poco::Thread>(_task->GetTaskName());
+    _thread->start(*_task);
+    _started = true;
+    return 0;
+}
+
+void TaskRunner::Stop() {
+    if (_started) {
+        _task->cancel();
+        _thread->join();
+        _thread.reset();
+        _started = false;
+    }
+    if (_initialised) {
+        _task->UnInit();
+        _initialised = false;
+    }
+}
+
+}  // namespace Framework

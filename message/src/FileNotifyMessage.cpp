@@ -1,0 +1,57 @@
+#include "FileNotifyMessage.h"
+
+#include <sys/stat.h>
+
+#include "AbstractMessageReceiver.h"
+#include "FileNotifyLog.h"
+#include "framework/Task.h"
+
+namespace Engine {
+
+namespace {
+// The moved-from and moved-to bits of inotify: a merged move carries both.
+constexpr unsigned int kMoveEventBits = 0x40 | 0x80;
+}  // namespace
+
+FileNotifyMessage::FileNotifyMessage(int notifyType, const std::string& path, unsigned int mask)
+    : Framework::Message("filenotify"), m_filePath(FormatFolderName(path)), m_eventMask(mask),
+      m_notifyType(notifyType) {}
+
+FileNotifyMessage::~FileNotifyMessage() = default;
+
+int FileNotifyMessage::MessageHandle(void* task) {
+    // The framework hands over the receiving Framework::Task*. A checked
+    // cross-cast finds its receiver part whatever the consumer's base order.
+    auto* receiver = dynamic_cast<AbstractMessageReceiver*>(static_cast<Framework::Task*>(task));
+    if (receiver == nullptr) {
+        FN_LOG(LOG_ERROR, "FileNotifyMessage receiver is not a MixedTask, filePath=%s", m_filePath);
+        return 1;
+    }
+    return receiver->FileNotifyMessageAction(this);
+}
+
+void FileNotifyMessage::SetProcess(unsigned int pid, const std::string& process) {
+    m_eventProcessId = pid;
+    m_eventProcess = process;
+}
+
+void FileNotifyMessage::SetMoveEvent(const std::string& movetoFile) {
+    m_eventMask |= kMoveEventBits;
+    m_movetoFile = FormatFolderName(movetoFile);
+}
+
+void FileNotifyMessage::SetWatchFile(int watchId, const std::string& watchFile) {
+    m_watchId = watchId;
+    m_watchFile = watchFile;
+}
+
+void FileNotifyMessage::Stat(int fd) { m_statValid = ::fstat(fd, &m_stat) == 0; }
+
+std::string FileNotifyMessage::GetWatchIdString() const { return std::to_string(m_watchId); }
+
+std::string FileNotifyMessage::FormatFolderName(const std::string& path) const {
+    if (!path.empty() && path.back() == '/') return path.substr(0, path.size() - 1);
+    return path;
+}
+
+}  // namespace Engine

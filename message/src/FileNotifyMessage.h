@@ -1,0 +1,74 @@
+#pragma once
+
+#include <sys/stat.h>
+
+#include <string>
+
+#include "FileNotifyExport.h"
+#include "framework/Message.h"
+
+namespace Engine {
+
+// One file event for one consumer task (message name "filenotify").
+//
+// The module builds it, fills it and sends it with the type "f"; from the
+// send on the framework owns it. The consumer reads it inside
+// AbstractMessageReceiver::FileNotifyMessageAction on its own thread.
+// Notify type: 0 inotify event, 1 fanotify notification, 2 fanotify
+// permission request (the consumer's action result is the verdict).
+// Paths are stored without one trailing "/" (see FormatFolderName).
+class FILENOTIFY_API FileNotifyMessage : public Framework::Message {
+public:
+    FileNotifyMessage(int notifyType, const std::string& path, unsigned int mask);
+    ~FileNotifyMessage() override;
+
+    // task: the receiving Framework::Task*. Hands the message to the task's
+    // receiver part; returns its result, or 1 when the task is not a receiver.
+    int MessageHandle(void* task) override;
+
+    void SetProcess(unsigned int pid, const std::string& process);
+    unsigned int GetEventProcessId() const { return m_eventProcessId; }
+    std::string GetEventProcess() const { return m_eventProcess; }
+
+    std::string GetEventFilePath() const { return m_filePath; }
+    std::string GetMovetoFile() const { return m_movetoFile; }
+    std::string GetWatchFile() const { return m_watchFile; }
+    unsigned int GetEventMask() const { return m_eventMask; }
+    int GetNotifyType() const { return m_notifyType; }
+    int GetWatchId() const { return m_watchId; }
+
+    // Makes this a merged move: both inotify move bits set, destination stored.
+    void SetMoveEvent(const std::string& movetoFile);
+
+    void SetExtParm(unsigned long extParm) { m_extParm = extParm; }
+    unsigned long GetExtParm() const { return m_extParm; }
+
+    void SetWatchFile(int watchId, const std::string& watchFile);
+
+    // Fills the status from an open descriptor; IsStatValid tells whether
+    // that worked. Stat() is meaningful only when it did.
+    void Stat(int fd);
+    const struct stat& Stat() const { return m_stat; }
+    bool IsStatValid() const { return m_statValid; }
+
+    std::string GetWatchIdString() const;
+
+    // Drops one trailing "/" ("/" itself becomes ""). The registries keep
+    // folders with the slash; consumers get them without it.
+    std::string FormatFolderName(const std::string& path) const;
+
+private:
+    std::string m_filePath;
+    std::string m_movetoFile;
+    unsigned int m_eventMask;
+    unsigned int m_eventProcessId = 0;
+    std::string m_eventProcess;
+    int m_notifyType;
+    unsigned long m_extParm = 0;
+    std::string m_watchFile;
+    int m_watchId = -1;
+    struct stat m_stat {};
+    bool m_statValid = false;
+};
+
+}  // namespace Engine

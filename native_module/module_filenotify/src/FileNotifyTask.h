@@ -1,0 +1,68 @@
+#pragma once
+
+#include <list>
+#include <memory>
+#include <string>
+
+#include "FileFanotifyWatch.h"
+#include "FileInotifyWatch.h"
+#include "FileNotifyOpt.h"
+#include "framework/Task.h"
+
+namespace Engine {
+
+// A watch whose path does not exist yet; the timer makes it a real watch
+// once the path appears.
+struct _PendingWatchItem {
+    int taskId = 0;
+    unsigned int mask = 0;
+    int notifyType = 0;  // 0 inotify, 1 fanotify notify, 2 fanotify permit
+    std::string path;
+    _FileNotifyOpt opt;
+};
+
+// The module's one task, "filenotify_task": owns both watch engines and runs
+// everything of the module on its own thread: descriptor callbacks, watch
+// requests from consumers (through its message queue) and the timer duties.
+class FileNotifyTask : public Framework::Task {
+public:
+    static constexpr int kQueueCapacity = 4096;
+    static constexpr int kEventReadBufferSize = 5120;
+
+    FileNotifyTask();
+
+    int Init() override;
+    void UnInit() override;
+    int Run() override;
+
+    // Event waiter callbacks: drain the ready descriptor of either engine.
+    int InotifyEventAction(int fd, unsigned int events, void* arg);
+    int FanotifyEventAction(int fd, unsigned int events, void* arg);
+
+    // Registers watcher as the receiver of file events for taskId. A null
+    // watcher is logged and not reported as failure.
+    int AddFileNotifyMsgConsumer(int taskId, Framework::Task* watcher);
+
+    // Timer duty, run every timerPassThreshold passes of the loop.
+    void TimerSchduler();
+    // Frees every pending watch record.
+    void ClearCache();
+
+    int GetPassCount() const { return passCount; }
+
+protected:
+    ~FileNotifyTask() override;
+
+private:
+    FileInotifyWatch fileInotifyWatch;
+    FileFanotifyWatch fileFanotifyWatch;
+    std::list<std::unique_ptr<_PendingWatchItem>> pendingWatchList;
+    bool timerSuspended = false;
+    int bulkMsgCount = 128;
+    int waitTimeout = 3000;
+    int timerPassThreshold = 20;
+    int passCount = 0;
+    int eventBufferSize = kEventReadBufferSize;
+};
+
+}  // namespace Engine

@@ -1,0 +1,70 @@
+#pragma once
+
+#include <string>
+#include <vector>
+
+#include "FileNotifyExport.h"
+#include "FileNotifyOpt.h"
+
+namespace Poco {
+class Logger;
+}
+
+namespace Engine {
+
+// Path and event helpers shared by both engines, the watch registry and the
+// watch request. Stateless but for the logger cache and the CPU yield ticks;
+// everything but GetLoggerPtr and FormatFolderName is meant for the module
+// task's thread. Failures are reported by the result and a log record; no
+// operation throws for a file-system failure.
+class FILENOTIFY_API FileNotifyUtils {
+public:
+    // The bounds of one folder walk, owned by the caller and passed through
+    // the whole walk. A failed walk leaves depth raised: do not reuse it.
+    struct _FolderTraverseLimit {
+        int MAX_DEPTH = 0;     // deepest folder level that may be opened; the root is level 1
+        int depth = 0;         // level of the folder being read (0 before the walk)
+        int visitedCount = 0;  // folders the walk tried to enter, the root included
+    };
+
+    FileNotifyUtils() = default;
+    virtual ~FileNotifyUtils() = default;
+
+    // The module logger ("filenotify_module"), or null when the agent has
+    // none. Fetched once, then cached for the life of the process.
+    static Poco::Logger* GetLoggerPtr();
+
+    // stat() succeeds; follows links.
+    static bool IsExistFilePath(const std::string& path);
+
+    // True when no wanted mask shares a bit with the event mask, so the event
+    // is dropped. An empty list drops everything.
+    static bool IsIgnoreWatchEvent(int mask, const std::vector<unsigned int>& wantedMasks);
+
+    // Blanks (" " only) trimmed at both ends; "/" appended to an existing
+    // folder (links followed). A missing path or a file gets no "/".
+    static std::string FormatFolderName(const std::string& path);
+
+    // path is a symbolic link whose target is a folder. A relative target is
+    // resolved against the working directory, not the link's folder.
+    static bool IsLinkFolder(const std::string& path);
+
+    // True when the event's file matches the watch's ignore rules: a path
+    // prefix of ignorePath (recursive watches only) or an ending of
+    // ignoreFileExt (folders are never matched by ending).
+    static bool IsIgnoreWatchObject(const std::string& path, const _FileNotifyOpt& opt);
+
+    // Appends the subfolders below folder (which ends in "/") to out, each
+    // with a trailing "/", deepest first (post-order). Links are never
+    // entered; with watchSymLink a link to a folder is listed itself.
+    // Returns 0, or 1 when a folder cannot be opened or a folder lies deeper
+    // than limit.MAX_DEPTH; out then keeps what was appended so far.
+    static int TraverseSubFolder(const std::string& folder, std::vector<std::string>& out,
+                                 _FolderTraverseLimit& limit, bool watchSymLink);
+
+    // The path behind an open descriptor (/proc/self/fd), with "/" appended
+    // for a folder. Returns 0, or 1 for fd < 1 or an unreadable link.
+    static int GetFilePathByFd(int fd, std::string& out);
+};
+
+}  // namespace Engine

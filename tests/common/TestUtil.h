@@ -1,0 +1,54 @@
+#pragma once
+
+#include <ftw.h>
+#include <stdlib.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <functional>
+#include <string>
+#include <thread>
+
+#include <gtest/gtest.h>
+
+namespace TestUtil {
+
+// A fresh folder under /tmp, removed with everything in it at the end.
+// path() ends with "/".
+class TempDir {
+public:
+    TempDir() {
+        char tmpl[] = "/tmp/fn_test_XXXXXX";
+        const char* made = ::mkdtemp(tmpl);
+        if (made != nullptr) _path = std::string(made) + "/";
+    }
+    ~TempDir() {
+        if (_path.empty()) return;
+        ::nftw(
+            _path.c_str(),
+            [](const char* p, const struct stat*, int, struct FTW*) { return ::remove(p); }, 16,
+            FTW_DEPTH | FTW_PHYS);
+    }
+    TempDir(const TempDir&) = delete;
+    TempDir& operator=(const TempDir&) = delete;
+
+    const std::string& path() const { return _path; }
+    std::string operator/(const std::string& name) const { return _path + name; }
+
+private:
+    std::string _path;
+};
+
+// Polls cond until it holds or the time-out passes; for state that another
+// thread changes. Returns the last result of cond.
+inline bool WaitUntil(const std::function<bool()>& cond,
+                      std::chrono::milliseconds timeout = std::chrono::milliseconds(5000)) {
+    const auto deadline = std::chrono::steady_clock::now() + timeout;
+    while (!cond()) {
+        if (std::chrono::steady_clock::now() >= deadline) return cond();
+        std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    }
+    return true;
+}
+
+}  // namespace TestUtil

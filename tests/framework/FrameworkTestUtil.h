@@ -1,0 +1,63 @@
+#pragma once
+
+#include <atomic>
+#include <string>
+
+#include <Poco/AutoPtr.h>
+#include <Poco/Event.h>
+
+#include "framework/Message.h"
+#include "framework/Task.h"
+
+namespace FrameworkTest {
+
+// Counts what happens to the messages of one test.
+struct Probe {
+    std::atomic<int> handled{0};
+    std::atomic<int> destroyed{0};
+    std::atomic<int> lastHandlerTask{0};
+};
+
+// A message that reports its handling and destruction, answers with a fixed
+// result and reply, and can hold its handler until a gate opens.
+class ProbeMessage : public Framework::Message {
+public:
+    explicit ProbeMessage(Probe& probe, int result = 0, std::string reply = std::string(),
+                          Poco::Event* gate = nullptr)
+        : Framework::Message("probe"), _probe(probe), _result(result), _replyText(std::move(reply)), _gate(gate) {}
+    ~ProbeMessage() override { ++_probe.destroyed; }
+
+    int MessageHandle(void* task) override {
+        if (_gate != nullptr) _gate->wait();
+        _probe.lastHandlerTask = static_cast<Framework::Task*>(task)->GetTaskId();
+        GetMsgReply() = _replyText;
+        ++_probe.handled;
+        return _result;
+    }
+
+private:
+    Probe& _probe;
+    int _result;
+    std::string _replyText;
+    Poco::Event* _gate;
+};
+
+// A task that only serves its queue.
+class ServeTask : public Framework::Task {
+public:
+    explicit ServeTask(const std::string& name, int capacity = 1024, int waitMs = 3000)
+        : Framework::Task(name, "test_feature", Framework::TaskCondition::TASK_TYPE_EVENT, capacity), _waitMs(waitMs) {}
+    int Run() override { return ServeMessages(_waitMs); }
+
+protected:
+    ~ServeTask() override = default;
+
+private:
+    int _waitMs;
+};
+
+inline Poco::AutoPtr<ServeTask> MakeServeTask(const std::string& name, int capacity = 1024, int waitMs = 3000) {
+    return Poco::AutoPtr<ServeTask>(new ServeTask(name, capacity, waitMs));
+}
+
+}  // namespace FrameworkTest

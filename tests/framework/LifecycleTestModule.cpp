@@ -1,0 +1,64 @@
+// A module for the host tests: every lifecycle step appends one line to the
+// file named by FN_LIFECYCLE_LOG; FN_LIFECYCLE_FAIL names a task whose Init fails.
+
+#include <cstdlib>
+#include <fstream>
+#include <string>
+
+#include "framework/Module.h"
+#include "framework/Task.h"
+
+namespace {
+
+void Record(const std::string& line) {
+    const char* path = std::getenv("FN_LIFECYCLE_LOG");
+    if (path == nullptr) return;
+    std::ofstream(path, std::ios::app) << line << '\n';
+}
+
+bool ShouldFail(const std::string& name) {
+    const char* fail = std::getenv("FN_LIFECYCLE_FAIL");
+    return fail != nullptr && name == fail;
+}
+
+class RecordingTask : public Framework::Task {
+public:
+    explicit RecordingTask(const std::string& name)
+        : Framework::Task(name, "lifecycle", Framework::TaskCondition::TASK_TYPE_RESIDENT, 16) {}
+    int Init() override {
+        Record(GetTaskName() + " Init");
+        return ShouldFail(GetTaskName()) ? 7 : 0;
+    }
+    void UnInit() override { Record(GetTaskName() + " UnInit"); }
+    int Run() override {
+        Record(GetTaskName() + " Run");
+        const int r = ServeMessages(60000);
+        Record(GetTaskName() + " Run end");
+        return r;
+    }
+
+protected:
+    ~RecordingTask() override { Record(GetTaskName() + " destroyed"); }
+};
+
+class RecordingModule : public Framework::Module {
+public:
+    RecordingModule() : Framework::Module("lifecycle_module") {}
+    int Init() override {
+        Record("module Init");
+        RegisterTask(new RecordingTask("alpha"), true);
+        RegisterTask(new RecordingTask("beta"), false);
+        return Framework::Module::Init();
+    }
+    void UnInit() override { Record("module UnInit"); }
+
+protected:
+    ~RecordingModule() override {
+        ReleaseTasks();
+        Record("module destroyed");
+    }
+};
+
+}  // namespace
+
+extern "C" __attribute__((visibility("default"))) Framework::Module* CreateModule() { return new RecordingModule(); }

@@ -1,0 +1,278 @@
+#include <chrono>
+#include <thread>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+#include <Poco/AutoPtr.h>
+#include <Poco/Channel.h>
+#include <Poco/Logger.h>
+#include <Poco/Message.h>
+
+#include "FrameworkTestUtil.h"
+#include "TestUtil.h"
+#include "framework/TaskRunner.h"
+#include "sdk/LoggerUtils.h"
+
+using namespace FrameworkTest;
+using Framework::TaskRunner;
+using std::chrono::milliseconds;
+using std::chrono::steady_clock;
+
+TEST(TaskQueue, FullQueueRefusesFreesAndCounts) {
+    Probe probe;
+    auto task = MakeServeTask("queue_full", 4);
+    for (int i = 0; i < 4; ++i) EXPECT_EQ(Framework::MSG_OK, task->EnqueueMsg(new ProbeMessage(probe)));
+    EXPECT_EQ(Framework::MSG_ERR_QUEUE_FULL, task->EnqueueMsg(new ProbeMessage(probe)));
+    EXPECT_EQ(Framework::MSG_ERR_QUEUE_FULL, task->EnqueueMsg(new ProbeMessage(probe)));
+    EXPECT_EQ(Framework::MSG_ERR_NULL, task->EnqueueMsg(nullptr));
+    EXPECT_EQ(2, probe.destroyed.load());
+    EXPECT_EQ(2u, task->GetDroppedMsgCount());
+
+    // Draining makes room again; the rest of the queue is handled in order of arrival.
+    EXPECT_EQ(3, task->BulkConsumeMsg(3));
+    EXPECT_EQ(Framework::MSG_OK, task->EnqueueMsg(new ProbeMessage(probe)));
+    EXPECT_EQ(2, task->BulkConsumeMsg(128));
+    EXPECT_EQ(5, probe.handled.load());
+    EXPECT_EQ(7, probe.destroyed.load());
+}
+
+TEST(TaskQueue, UnhandledMessagesAreFreedWithTheTask) {
+    Probe probe;
+    {
+        auto task = MakeServeTask("drop_on_destroy", 16);
+        for (int i = 0; i < 5; ++i) task->EnqueueMsg(new ProbeMessage(probe));
+    }
+    EXPECT_EQ(0, probe.handled.load());
+    EXPECT_EQ(5, probe.destroyed.load());
+}
+
+TEST(TaskQueue, ManyProducersEveryMessageHandledOnce) {
+    Probe probe;
+    auto task = MakeServeTask("many_producers", 1 << 16);
+    TaskRunner runner(task.get());
+    ASSERT_EQ(0, runner.Start());
+    constexpr int kThreads = 4, kEach = 5000;
+    std::vector<std::thread> producers;
+    std::atomic<int> refused{0};
+    for (int t = 0; t < kThreads; ++t) {
+        producers.emplace_back([&] {
+            for (int i = 0; i < kEach; ++i)
+                if (task->EnqueueMsg(new ProbeMessage(probe)) != 0) ++refused;
+        });
+    }
+    for (auto& p : producers) p.join();
+    EXPECT_EQ(0, refused.load());
+    EXPECT_TRUE(TestUtil::WaitUntil([&] { return probe.handled.load() == kThreads * kEach; }))
+        << "handled " << probe.handled.load();
+    runner.Stop();
+    EXPECT_EQ(kThreads * kEach, probe.handled.load());
+    EXPECT_EQ(kThreads * kEach, probe.destroyed.load());
+    EXPECT_EQ(task->GetTaskId(), probe.lastHandlerTask.load());
+}
+
+TEST(TaskQueue, MessageWakesAWaitAtOnce) {
+    // The task waits with a 3000 ms time-out: a message handled well before
+    // that can only have been woken by the queue.
+    Probe probe;
+    auto task = MakeServeTask("wake", 64, 3000);
+    TaskRunner runner(task.get());
+    ASSERT_EQ(0, runner.Start());
+    for (int round = 0; round < 3; ++round) {
+        const auto start = steady_clock::now();
+        ASSERT_EQ(0, task->EnqueueMsg(new ProbeMessage(probe)));
+        ASSERT_TRUE(TestUtil::WaitUntil([&] { return probe.handled.load() == round + 1; }, milliseconds(2500)));
+        EXPECT_LT(steady_clock::now() - start, milliseconds(1500));
+    }
+}
+
+TEST(TaskLifecycle, CancelEndsALongWaitPromptly) {
+    auto task = MakeServeTask("cancel", 64, 60000);
+    TaskRunner runner(task.get());
+    ASSERT_EQ(0, runner.Start());
+    ASSERT_TRUE(TestUtil::WaitUntil([&] { return task->state() == Poco::Task::TASK_RUNNING; }));
+    const auto start = steady_clock::now();
+    runner.Stop();
+    EXPECT_LT(steady_clock::now() - start, milliseconds(2000));
+    EXPECT_EQ(Poco::Task::TASK_FINISHED, task->state());
+}
+
+TEST(TaskLifecycle, CancelBeforeTheThreadRunsIsNotLost) {
+    auto task = MakeServeTask("cancel_early", 64, 60000);
+    task->cancel();
+    TaskRunner runner(task.get());
+    ASSERT_EQ(0, runner.Start());
+    const auto start = steady_clock::now();
+    runner.Stop();
+    EXPECT_LT(steady_clock::now() - start, milliseconds(2000));
+}
+
+TEST(TaskLifecycle, FindTaskIdByName) {
+    auto task = MakeServeTask("findable_task_name");
+    EXPECT_EQ(task->GetTaskId(), Framework::Task::FindTaskIdByName("findable_task_name"));
+    EXPECT_EQ(0, Framework::Task::FindTaskIdByName("no_such_task_name"));
+    auto other = MakeServeTask("another_task_name");
+    EXPECT_NE(task->GetTaskId(), other->GetTaskId());
+}
+
+TEST(TaskSend, DeliversToRegisteredConsumerOnly) {
+    Probe probe;
+    auto sender = MakeServeTask("sender");
+    auto consumer = MakeServeTask("consumer");
+    EXPECT_EQ(Framework::MSG_ERR_UNKNOWN_TASK, sender->SendMsg(consumer->GetTaskId(), "f", new ProbeMessage(probe)));
+    EXPECT_EQ(1, probe.destroyed.load());
+
+    EXPECT_EQ(1, sender->AddConsumer(consumer->GetTaskId(), "f", nullptr));
+    ASSERT_EQ(0, sender->AddConsumer(consumer->GetTaskId(), "f", consumer.get()));
+    EXPECT_EQ(0, sender->AddConsumer(consumer->GetTaskId(), "f", consumer.get()));  // again: same receiver
+    EXPECT_EQ(0, sender->SendMsg(consumer->GetTaskId(), "f", new ProbeMessage(probe)));
+    EXPECT_EQ(Framework::MSG_ERR_UNKNOWN_TASK,
+              sender->SendMsg(consumer->GetTaskId(), "other_type", new ProbeMessage(probe)));
+    EXPECT_EQ(Framework::MSG_ERR_NULL, sender->SendMsg(consumer->GetTaskId(), "f", nullptr));
+    EXPECT_EQ(1u, consumer->GetQueuedMsgCount());
+    EXPECT_EQ(1, consumer->BulkConsumeMsg(128));
+    EXPECT_EQ(1, probe.handled.load());
+    EXPECT_EQ(3, probe.destroyed.load());
+}
+
+TEST(TaskSend, ConsumerThatIsGoneFailsCleanly) {
+    Probe probe;
+    auto sender = MakeServeTask("sender_gone");
+    int goneId = 0;
+    {
+        auto consumer = MakeServeTask("consumer_gone");
+        goneId = consumer->GetTaskId();
+        ASSERT_EQ(0, sender->AddConsumer(goneId, "f", consumer.get()));
+    }
+    EXPECT_EQ(Framework::MSG_ERR_UNKNOWN_TASK, sender->SendMsg(goneId, "f", new ProbeMessage(probe)));
+    std::string reply;
+    EXPECT_EQ(Framework::MSG_ERR_UNKNOWN_TASK, sender->SyncSendMsg(goneId, "f", new ProbeMessage(probe), reply, 100, 1));
+    EXPECT_EQ(2, probe.destroyed.load());
+}
+
+class SyncSend : public ::testing::Test {
+protected:
+    void SetUp() override {
+        sender = MakeServeTask("sync_sender");
+        consumer = MakeServeTask("sync_consumer", 2);
+        ASSERT_EQ(0, sender->AddConsumer(consumer->GetTaskId(), "f", consumer.get()));
+    }
+    Probe probe;
+    Poco::AutoPtr<ServeTask> sender, consumer;
+};
+
+TEST_F(SyncSend, ReturnsHandlerResultAndReply) {
+    TaskRunner runner(consumer.get());
+    ASSERT_EQ(0, runner.Start());
+    std::string reply = "stale";
+    EXPECT_EQ(2, sender->SyncSendMsg(consumer->GetTaskId(), "f", new ProbeMessage(probe, 2, "42"), reply, 5000, 2));
+    EXPECT_EQ("42", reply);
+    EXPECT_EQ(7, sender->SyncSendMsg(consumer->GetTaskId(), "f", new ProbeMessage(probe, 7, ""), reply, 5000, 1));
+    EXPECT_EQ("", reply);
+    // The sender is released before the handling thread frees the message.
+    EXPECT_TRUE(TestUtil::WaitUntil([&] { return probe.destroyed.load() == 2; }));
+}
+
+TEST_F(SyncSend, TimesOutWithinBoundAndLateHandlingIsSafe) {
+    // Nobody drains the consumer's queue during the send.
+    std::string reply = "stale";
+    const auto start = steady_clock::now();
+    EXPECT_EQ(Framework::MSG_ERR_TIMEOUT,
+              sender->SyncSendMsg(consumer->GetTaskId(), "f", new ProbeMessage(probe, 2, "late"), reply, 100, 2));
+    const auto waited = steady_clock::now() - start;
+    EXPECT_GE(waited, milliseconds(100));
+    EXPECT_LT(waited, milliseconds(2000));
+    EXPECT_EQ("", reply);
+    // The sender has given up; handling now must neither leak nor touch it.
+    EXPECT_EQ(1, consumer->BulkConsumeMsg(16));
+    EXPECT_EQ(1, probe.handled.load());
+    EXPECT_EQ(1, probe.destroyed.load());
+}
+
+TEST_F(SyncSend, FullQueueIsRetriedWithinTheTimeoutThenRefused) {
+    ASSERT_EQ(0, consumer->EnqueueMsg(new ProbeMessage(probe)));
+    ASSERT_EQ(0, consumer->EnqueueMsg(new ProbeMessage(probe)));
+    std::string reply;
+    const auto start = steady_clock::now();
+    EXPECT_EQ(Framework::MSG_ERR_QUEUE_FULL,
+              sender->SyncSendMsg(consumer->GetTaskId(), "f", new ProbeMessage(probe), reply, 200, 3));
+    EXPECT_LT(steady_clock::now() - start, milliseconds(2000));
+    EXPECT_EQ(1, probe.destroyed.load());
+    EXPECT_EQ(1u, consumer->GetDroppedMsgCount());
+}
+
+TEST_F(SyncSend, FullQueueThatDrainsInTimeIsDelivered) {
+    ASSERT_EQ(0, consumer->EnqueueMsg(new ProbeMessage(probe)));
+    ASSERT_EQ(0, consumer->EnqueueMsg(new ProbeMessage(probe)));
+    std::thread drainer([&] {
+        // Makes room only once the sender has found the queue full.
+        TestUtil::WaitUntil([&] { return consumer->GetDroppedMsgCount() > 0 || probe.handled.load() > 0; },
+                            milliseconds(300));
+        TaskRunner runner(consumer.get());
+        runner.Start();
+        TestUtil::WaitUntil([&] { return probe.handled.load() == 3; });
+        runner.Stop();
+    });
+    std::string reply;
+    EXPECT_EQ(5, sender->SyncSendMsg(consumer->GetTaskId(), "f", new ProbeMessage(probe, 5, "ok"), reply, 3000, 4));
+    EXPECT_EQ("ok", reply);
+    drainer.join();
+}
+
+TEST_F(SyncSend, DroppedUnhandledReleasesTheSenderEarly) {
+    auto doomed = MakeServeTask("sync_doomed", 4);
+    const int id = doomed->GetTaskId();
+    ASSERT_EQ(0, sender->AddConsumer(id, "g", doomed.get()));
+    // The receiver is destroyed with the message still in its queue.
+    std::thread destroyer([d = doomed]() mutable {
+        TestUtil::WaitUntil([&] { return d->GetQueuedMsgCount() == 1; });
+        d = nullptr;
+    });
+    doomed = nullptr;
+    std::string reply;
+    const auto start = steady_clock::now();
+    EXPECT_EQ(Framework::MSG_ERR_NOT_HANDLED, sender->SyncSendMsg(id, "g", new ProbeMessage(probe), reply, 20000, 1));
+    EXPECT_LT(steady_clock::now() - start, milliseconds(10000));
+    destroyer.join();
+    EXPECT_EQ(1, probe.destroyed.load());
+    EXPECT_EQ(0, probe.handled.load());
+}
+
+TEST_F(SyncSend, ToItselfFailsAtOnce) {
+    ASSERT_EQ(0, sender->AddConsumer(sender->GetTaskId(), "f", sender.get()));
+    std::string reply;
+    const auto start = steady_clock::now();
+    EXPECT_EQ(Framework::MSG_ERR_SELF, sender->SyncSendMsg(sender->GetTaskId(), "f", new ProbeMessage(probe), reply, 5000, 1));
+    EXPECT_LT(steady_clock::now() - start, milliseconds(1000));
+    EXPECT_EQ(1, probe.destroyed.load());
+}
+
+namespace {
+class CountingChannel : public Poco::Channel {
+public:
+    void log(const Poco::Message& msg) override {
+        if (msg.getPriority() == Poco::Message::PRIO_WARNING) ++warnings;
+    }
+    std::atomic<int> warnings{0};
+};
+}  // namespace
+
+TEST(TaskQueue, DropWarningsAreRateLimited) {
+    Poco::Logger& logger = *SDK::LoggerUtils::GetInstance()->GetModuleLogger("framework", false);
+    Poco::AutoPtr<Poco::Channel> saved(logger.getChannel(), true);
+    Poco::AutoPtr<CountingChannel> counter(new CountingChannel);
+    const int savedLevel = logger.getLevel();
+    logger.setChannel(counter);
+    logger.setLevel(Poco::Message::PRIO_WARNING);
+
+    Probe probe;
+    auto task = MakeServeTask("flood", 1);
+    task->EnqueueMsg(new ProbeMessage(probe));
+    for (int i = 0; i < 2000; ++i) task->EnqueueMsg(new ProbeMessage(probe));
+
+    logger.setChannel(saved);
+    logger.setLevel(savedLevel);
+    EXPECT_EQ(2000u, task->GetDroppedMsgCount());
+    EXPECT_GE(counter->warnings.load(), 1);
+    EXPECT_LE(counter->warnings.load(), 3);  // one per second at most
+}

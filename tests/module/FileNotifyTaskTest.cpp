@@ -1,0 +1,96 @@
+#include <atomic>
+#include <chrono>
+#include <mutex>
+#include <string>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+#include <Poco/AutoPtr.h>
+
+#include "FileNotifyMessage.h"
+#include "FileNotifyTask.h"
+#include "LogCapture.h"
+#include "MixedTask.h"
+#include "TestUtil.h"
+#include "framework/TaskRunner.h"
+
+using std::chrono::milliseconds;
+using std::chrono::steady_clock;
+
+namespace {
+
+// A consumer of file events that serves its own queue.
+class EventConsumer : public Engine::MixedTask {
+public:
+    EventConsumer() : Engine::MixedTask("event_consumer", "test", Framework::TaskCondition::TASK_TYPE_EVENT, 64) {}
+    int Run() override { return ServeMessages(3000); }
+    int FileNotifyMessageAction(Engine::FileNotifyMessage* msg) override {
+        std::lock_guard<std::mutex> lock(mutex);
+        paths.push_back(msg->GetEventFilePath());
+        masks.push_back(msg->GetEventMask());
+        return 0;
+    }
+    std::size_t Count() {
+        std::lock_guard<std::mutex> lock(mutex);
+        return paths.size();
+    }
+    std::mutex mutex;
+    std::vector<std::string> paths;
+    std::vector<unsigned int> masks;
+
+protected:
+    ~EventConsumer() override = default;
+};
+
+}  // namespace
+
+TEST(FileNotifyTask, IdentityAndPromptStop) {
+    Poco::AutoPtr<Engine::FileNotifyTask> task(new Engine::FileNotifyTask());
+    EXPECT_EQ("filenotify_task", task->GetTaskName());
+    EXPECT_EQ("filenotify_feature", task->GetFeatureName());
+    EXPECT_EQ(Framework::TaskCondition::TASK_TYPE_RESIDENT, task->GetTaskType());
+    EXPECT_EQ(4096, task->GetQueueCapacity());
+
+    Framework::TaskRunner runner(task.get());
+    ASSERT_EQ(0, runner.Start());
+    ASSERT_TRUE(TestUtil::WaitUntil([&] { return task->state() == Poco::Task::TASK_RUNNING; }));
+    // Run sleeps in 3000 ms waits; the cancel must end it well before that.
+    const auto start = steady_clock::now();
+    runner.Stop();
+    EXPECT_LT(steady_clock::now() - start, milliseconds(2000));
+    EXPECT_EQ(Poco::Task::TASK_FINISHED, task->state());
+}
+
+TEST(FileNotifyTask, RegisteredConsumerReceivesFileEvents) {
+    Poco::AutoPtr<Engine::FileNotifyTask> task(new Engine::FileNotifyTask());
+    Poco::AutoPtr<EventConsumer> consumer(new EventConsumer());
+    Framework::TaskRunner consumerRunner(consumer.get());
+    ASSERT_EQ(0, consumerRunner.Start());
+
+    TestUtil::LogCapture log;
+    EXPECT_EQ(0, task->AddFileNotifyMsgConsumer(consumer->GetTaskId(), nullptr));
+    EXPECT_TRUE(log.Has(Engine::LOG_ERROR, "watcher is NULL taskId=" + std::to_string(consumer->GetTaskId())))
+        << log.Dump();
+    EXPECT_EQ(Framework::MSG_ERR_UNKNOWN_TASK,
+              task->SendMsg(consumer->GetTaskId(), "f", new Engine::FileNotifyMessage(0, "/tmp/x/", 0x100)));
+
+    ASSERT_EQ(0, task->AddFileNotifyMsgConsumer(consumer->GetTaskId(), consumer.get()));
+    EXPECT_TRUE(log.Has(Engine::LOG_DEBUG,
+                        "AddFileNotifyMsgConsumer AddConsumer taskId=" + std::to_string(consumer->GetTaskId())));
+    EXPECT_EQ(0, task->AddFileNotifyMsgConsumer(consumer->GetTaskId(), consumer.get()));  // every request registers again
+    ASSERT_EQ(0, task->SendMsg(consumer->GetTaskId(), "f", new Engine::FileNotifyMessage(0, "/tmp/x/", 0x100)));
+    ASSERT_EQ(0, task->SendMsg(consumer->GetTaskId(), "f", new Engine::FileNotifyMessage(1, "/tmp/y", 0x2)));
+    ASSERT_TRUE(TestUtil::WaitUntil([&] { return consumer->Count() == 2; }));
+    EXPECT_EQ((std::vector<std::string>{"/tmp/x", "/tmp/y"}), consumer->paths);
+    EXPECT_EQ((std::vector<unsigned int>{0x100, 0x2}), consumer->masks);
+}
+
+TEST(FileNotifyTask, UnknownDescriptorsAreRefusedByBothEngines) {
+    Poco::AutoPtr<Engine::FileNotifyTask> task(new Engine::FileNotifyTask());
+    TestUtil::LogCapture log;
+    EXPECT_EQ(0, task->InotifyEventAction(12345, 0, nullptr));
+    EXPECT_TRUE(log.Has(Engine::LOG_ERROR, "fileInotify == NULL")) << log.Dump();
+    EXPECT_EQ(0, task->FanotifyEventAction(12345, 0, nullptr));
+    EXPECT_TRUE(log.Has(Engine::LOG_ERROR, "Get fanotify instance failed, fd=12345")) << log.Dump();
+}
