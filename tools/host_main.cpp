@@ -27,27 +27,31 @@ class HostApp : public Poco::Util::ServerApplication {
 protected:
     void defineOptions(Poco::Util::OptionSet& options) override {
         ServerApplication::defineOptions(options);
-        options.addOption(Poco::Util::Option("help", "h", "show this help").callback(
-            Poco::Util::OptionCallback<HostApp>(this, &HostApp::OnHelp)));
-        options.addOption(Poco::Util::Option("module", "", "module library to load (default: ../lib/libfilenotify_module.so "
-                                                           "beside the binary)")
+        options.addOption(Poco::Util::Option("help", "h", "show this help")
+                              .callback(Poco::Util::OptionCallback<HostApp>(this, &HostApp::OnHelp)));
+        options.addOption(Poco::Util::Option("module", "",
+                                             "module library to load (default: ../lib/libfilenotify_module.so "
+                                             "beside the binary)")
                               .argument("PATH")
                               .binding("host.module"));
-        options.addOption(Poco::Util::Option("home", "", "installation folder holding conf/ (default: the binary's parent "
-                                                         "folder)")
+        options.addOption(Poco::Util::Option("home", "",
+                                             "installation folder holding conf/ (default: the binary's parent "
+                                             "folder)")
                               .argument("DIR")
                               .binding("host.home"));
-        options.addOption(Poco::Util::Option("log-level", "", "least priority logged, 1 (fatal) to 8 (trace); default 4")
-                              .argument("N")
-                              .validator(new Poco::Util::IntValidator(1, 8))
-                              .binding("host.logLevel"));
+        options.addOption(
+            Poco::Util::Option("log-level", "", "least priority logged, 1 (fatal) to 8 (trace); default 4")
+                .argument("N")
+                .validator(new Poco::Util::IntValidator(1, 8))
+                .binding("host.logLevel"));
         options.addOption(Poco::Util::Option("log-file", "", "write the log to a rotating file instead of stderr")
                               .argument("FILE")
                               .binding("host.logFile"));
-        options.addOption(Poco::Util::Option("seconds", "", "stop after this many seconds instead of waiting for a signal")
-                              .argument("N")
-                              .validator(new Poco::Util::IntValidator(1, 86400))
-                              .binding("host.seconds"));
+        options.addOption(
+            Poco::Util::Option("seconds", "", "stop after this many seconds instead of waiting for a signal")
+                .argument("N")
+                .validator(new Poco::Util::IntValidator(1, 86400))
+                .binding("host.seconds"));
     }
 
     void OnHelp(const std::string&, const std::string&) {
@@ -60,7 +64,7 @@ protected:
         _helpShown = true;
     }
 
-    int main(const std::vector<std::string>&) override {
+    int main(const std::vector<std::string>&) override {  // NOLINT(bugprone-exception-escape): POCO catches and reports
         if (_helpShown) return EXIT_OK;
         BlockStopSignals();
         ConfigureAgent();
@@ -109,15 +113,19 @@ private:
     }
 
     std::string DefaultModulePath() const {
-        return Poco::Path(BinaryFolder()).parent().pushDirectory("lib").setFileName("libfilenotify_module.so").toString();
+        return Poco::Path(BinaryFolder())
+            .parent()
+            .pushDirectory("lib")
+            .setFileName("libfilenotify_module.so")
+            .toString();
     }
 
     void ConfigureAgent() {
         auto* logging = SDK::LoggerUtils::GetInstance();
         logging->SetLevel(config().getInt("host.logLevel", 4));
         if (config().has("host.logFile") && !logging->UseRotatingFile(config().getString("host.logFile"))) {
-            std::cerr << "filenotify_host: cannot open " << config().getString("host.logFile")
-                      << ", logging to stderr" << std::endl;
+            std::cerr << "filenotify_host: cannot open " << config().getString("host.logFile") << ", logging to stderr"
+                      << std::endl;
         }
         std::string home = config().getString("host.home", Poco::Path(BinaryFolder()).parent().toString());
         if (!home.empty() && home.back() != '/') home += '/';

@@ -15,7 +15,7 @@ bool ReadPercent(const SDK::ConfigUtils& config, const char* key, int& percent) 
     percent = 0;
     if (!config.HasKey(key)) return true;
     const int value = config.GetIntValue(key, -1);
-    if (value < 0 || value > 100) return true;
+    if (value < 0 || value > 100) return false;
     percent = value;
     return true;
 }

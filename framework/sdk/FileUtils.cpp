@@ -22,7 +22,7 @@ bool StatMode(const std::string& path, mode_t& mode) {
 
 // Appends up to maxBytes from fd until end of file; false on a read error.
 bool ReadUpTo(int fd, std::string& content, std::size_t maxBytes) {
-    constexpr std::size_t kChunk = 64 * 1024;
+    constexpr std::size_t kChunk = std::size_t{64} * 1024;
     while (content.size() < maxBytes) {
         const std::size_t have = content.size();
         const std::size_t want = std::min(kChunk, maxBytes - have);

@@ -34,7 +34,9 @@ long long ThreadCpuNs() {
     return static_cast<long long>(ts.tv_sec) * 1000000000LL + ts.tv_nsec;
 }
 
-bool ValidShare(int percent) { return percent >= 1 && percent <= 99; }
+bool ValidShare(int percent) {
+    return percent >= 1 && percent <= 99;
+}
 
 // Time off the CPU that brings cpuUsedNs back to share percent of one CPU.
 long long SleepNsFor(long long cpuUsedNs, int share) {
@@ -49,9 +51,9 @@ void LogAdjustment(const char* file, int line, const char* taskName, long long d
     static Poco::Logger* const logger = LoggerUtils::GetInstance()->GetModuleLogger("framework", false);
     if (!logger->debug()) return;
     try {
-        const std::string text = std::string("cpu control: ") + (taskName != nullptr ? taskName : "?") +
-                                 " used " + std::to_string(cpuUsedNs / 1000000) + " ms of CPU in " +
-                                 std::to_string(distance) + " ms, slept " + std::to_string(sleptMs) + " ms";
+        const std::string text = std::string("cpu control: ") + (taskName != nullptr ? taskName : "?") + " used " +
+                                 std::to_string(cpuUsedNs / 1000000) + " ms of CPU in " + std::to_string(distance) +
+                                 " ms, slept " + std::to_string(sleptMs) + " ms";
         logger->log(Poco::Message(logger->name(), text, Poco::Message::PRIO_DEBUG, file, line));
     } catch (...) {
         // a debug record is not worth failing the caller's loop
@@ -60,15 +62,21 @@ void LogAdjustment(const char* file, int line, const char* taskName, long long d
 
 }  // namespace
 
-bool InnerCpuCtrlUtils::IsEnabled() { return ValidShare(g_cpuShare.load(std::memory_order_relaxed)); }
+bool InnerCpuCtrlUtils::IsEnabled() {
+    return ValidShare(g_cpuShare.load(std::memory_order_relaxed));
+}
 
-long long InnerCpuCtrlUtils::GetSuggestedRunTick() { return kRunTickMs; }
+long long InnerCpuCtrlUtils::GetSuggestedRunTick() {
+    return kRunTickMs;
+}
 
 void InnerCpuCtrlUtils::SetCpuShare(int percent) {
     g_cpuShare.store(ValidShare(percent) ? percent : 0, std::memory_order_relaxed);
 }
 
-int InnerCpuCtrlUtils::GetCpuShare() { return g_cpuShare.load(std::memory_order_relaxed); }
+int InnerCpuCtrlUtils::GetCpuShare() {
+    return g_cpuShare.load(std::memory_order_relaxed);
+}
 
 long long InnerCpuCtrlUtils::AdjustThreadCpu(const char* file, int line, const char* taskName,
                                              [[maybe_unused]] long long nowTick, long long distance) {

@@ -31,7 +31,9 @@ Poco::Channel::Ptr Formatted(const Poco::Channel::Ptr& sink) {
     return new Poco::FormattingChannel(formatter, sink);
 }
 
-Poco::Channel::Ptr MakeConsoleChannel() { return Formatted(new Poco::ConsoleChannel()); }
+Poco::Channel::Ptr MakeConsoleChannel() {
+    return Formatted(new Poco::ConsoleChannel());
+}
 
 // Opened here so that a file that cannot be created is known at once;
 // throws Poco::Exception then.
@@ -73,19 +75,26 @@ LoggerUtils::LoggerUtils() : _level(Poco::Message::PRIO_WARNING) {
 Poco::Logger* LoggerUtils::GetModuleLogger(const std::string& name, bool ownFile) {
     std::lock_guard<std::mutex> lock(_mutex);
     Poco::Logger& logger = Poco::Logger::get(LoggerName(name));
-    // Set explicitly: a logger made earlier outside this class did not
-    // inherit the agent's settings.
-    logger.setLevel(_level);
-    if (ownFile && !name.empty()) _ownFileLoggers.insert(name);
-    Poco::Channel::Ptr channel = Poco::Logger::get(kRootName).getChannel();
-    if (ownFile && !_filePath.empty()) {
+    // Configured when first handed out (or first asked for its own file);
+    // later calls are cheap lookups that leave the logger as it is.
+    const bool newOwnFile = ownFile && !name.empty() && _ownFileLoggers.insert(name).second;
+    if (!_handedOut.insert(name).second && !newOwnFile) return &logger;
+    // A logger made earlier outside this class did not inherit the agent's
+    // settings. Changed only when they differ: POCO does not guard a
+    // logger's channel against a thread logging through it meanwhile.
+    if (logger.getLevel() != _level) logger.setLevel(_level);
+    const Poco::Channel::Ptr common = Poco::Logger::get(kRootName).getChannel();
+    if (_filePath.empty() || _ownFileLoggers.count(name) == 0) {
+        if (logger.getChannel() != common) logger.setChannel(common);
+    } else if (logger.getChannel() == common || logger.getChannel().isNull()) {
+        // Own file not open yet (or it failed before): try it now. A logger
+        // that already writes its own file keeps that channel.
         try {
-            channel = MakeFileChannel(OwnFilePath(_filePath, name), _rotateBytes, _archives);
+            logger.setChannel(MakeFileChannel(OwnFilePath(_filePath, name), _rotateBytes, _archives));
         } catch (const Poco::Exception&) {
-            // its records then go to the common file rather than nowhere
+            logger.setChannel(common);  // the common file rather than nowhere
         }
     }
-    logger.setChannel(channel);
     return &logger;
 }
 

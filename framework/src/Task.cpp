@@ -180,7 +180,7 @@ int Task::SyncSendMsg(unsigned long taskId, const char* type, Message* msg, std:
     owned->_sync = reply;
     const int delivered = DeliverSync(taskId, type, owned.get(), last > 1 ? last : 1, deadline);
     if (delivered != MSG_OK) return delivered;  // still ours: freed here
-    owned.release();                            // the receiver's now
+    static_cast<void>(owned.release());         // the receiver's now
 
     int result = MSG_ERR_TIMEOUT;
     std::string text;

@@ -14,7 +14,9 @@ constexpr unsigned int kMoveEventBits = 0x40 | 0x80;
 }  // namespace
 
 FileNotifyMessage::FileNotifyMessage(int notifyType, const std::string& path, unsigned int mask)
-    : Framework::Message("filenotify"), m_filePath(FormatFolderName(path)), m_eventMask(mask),
+    : Framework::Message("filenotify"),
+      m_filePath(FormatFolderName(path)),
+      m_eventMask(mask),
       m_notifyType(notifyType) {}
 
 FileNotifyMessage::~FileNotifyMessage() = default;
@@ -24,7 +26,7 @@ int FileNotifyMessage::MessageHandle(void* task) {
     // cross-cast finds its receiver part whatever the consumer's base order.
     auto* receiver = dynamic_cast<AbstractMessageReceiver*>(static_cast<Framework::Task*>(task));
     if (receiver == nullptr) {
-        FN_LOG(LOG_ERROR, "FileNotifyMessage receiver is not a MixedTask, filePath=%s", m_filePath);
+        FN_LOG(LOG_ERROR, "FileNotifyMessage receiver is not an AbstractMessageReceiver, filePath=%s", m_filePath);
         return 1;
     }
     return receiver->FileNotifyMessageAction(this);
@@ -45,9 +47,13 @@ void FileNotifyMessage::SetWatchFile(int watchId, const std::string& watchFile) 
     m_watchFile = watchFile;
 }
 
-void FileNotifyMessage::Stat(int fd) { m_statValid = ::fstat(fd, &m_stat) == 0; }
+void FileNotifyMessage::Stat(int fd) {
+    m_statValid = ::fstat(fd, &m_stat) == 0;
+}
 
-std::string FileNotifyMessage::GetWatchIdString() const { return std::to_string(m_watchId); }
+std::string FileNotifyMessage::GetWatchIdString() const {
+    return std::to_string(m_watchId);
+}
 
 std::string FileNotifyMessage::FormatFolderName(const std::string& path) const {
     if (!path.empty() && path.back() == '/') return path.substr(0, path.size() - 1);

@@ -2,7 +2,9 @@
 
 namespace Engine {
 
-int AbstractMessageReceiver::FileNotifyMessageAction(FileNotifyMessage*) { return 0; }
+int AbstractMessageReceiver::FileNotifyMessageAction(FileNotifyMessage*) {
+    return 0;
+}
 
 int AbstractMessageReceiver::ProcsMessageAction(int, unsigned int, std::shared_ptr<ProcsMessage::procInfo>) {
     return 0;
@@ -13,7 +15,9 @@ int AbstractMessageReceiver::AssetMessageAction(unsigned int,
     return 0;
 }
 
-int AbstractMessageReceiver::FtraceMessageAction(const FtraceMessage*) { return 0; }
+int AbstractMessageReceiver::FtraceMessageAction(const FtraceMessage*) {
+    return 0;
+}
 
 AbstractMessageReceiver::~AbstractMessageReceiver() = default;
 
@@ -23,6 +27,8 @@ MixedTask::MixedTask(const std::string& taskName, const std::string& featureName
 
 MixedTask::~MixedTask() = default;
 
-int MixedTask::Run() { return 0; }
+int MixedTask::Run() {
+    return 0;
+}
 
 }  // namespace Engine

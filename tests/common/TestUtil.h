@@ -25,8 +25,7 @@ public:
     ~TempDir() {
         if (_path.empty()) return;
         ::nftw(
-            _path.c_str(),
-            [](const char* p, const struct stat*, int, struct FTW*) { return ::remove(p); }, 16,
+            _path.c_str(), [](const char* p, const struct stat*, int, struct FTW*) { return ::remove(p); }, 16,
             FTW_DEPTH | FTW_PHYS);
     }
     TempDir(const TempDir&) = delete;

@@ -22,8 +22,7 @@ struct Probe {
 // result and reply, and can hold its handler until a gate opens.
 class ProbeMessage : public Framework::Message {
 public:
-    explicit ProbeMessage(Probe& probe, int result = 0, std::string reply = std::string(),
-                          Poco::Event* gate = nullptr)
+    explicit ProbeMessage(Probe& probe, int result = 0, std::string reply = std::string(), Poco::Event* gate = nullptr)
         : Framework::Message("probe"), _probe(probe), _result(result), _replyText(std::move(reply)), _gate(gate) {}
     ~ProbeMessage() override { ++_probe.destroyed; }
 

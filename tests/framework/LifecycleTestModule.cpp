@@ -61,4 +61,6 @@ protected:
 
 }  // namespace
 
-extern "C" __attribute__((visibility("default"))) Framework::Module* CreateModule() { return new RecordingModule(); }
+extern "C" __attribute__((visibility("default"))) Framework::Module* CreateModule() {
+    return new RecordingModule();
+}

@@ -41,12 +41,12 @@ struct TaskCondition {
 // the two apart (no failure equals a handler's verdict).
 enum MsgResult : int {
     MSG_OK = 0,
-    MSG_ERR_NULL = -1,           // no message given
-    MSG_ERR_UNKNOWN_TASK = -2,   // no consumer under that id and type, or it is gone
-    MSG_ERR_QUEUE_FULL = -3,     // the receiver's queue holds its capacity
-    MSG_ERR_TIMEOUT = -4,        // no answer within the time-out
-    MSG_ERR_NOT_HANDLED = -5,    // the message was dropped unhandled (receiver stopped)
-    MSG_ERR_SELF = -6,           // a synchronous send to the sending task itself would never end
+    MSG_ERR_NULL = -1,          // no message given
+    MSG_ERR_UNKNOWN_TASK = -2,  // no consumer under that id and type, or it is gone
+    MSG_ERR_QUEUE_FULL = -3,    // the receiver's queue holds its capacity
+    MSG_ERR_TIMEOUT = -4,       // no answer within the time-out
+    MSG_ERR_NOT_HANDLED = -5,   // the message was dropped unhandled (receiver stopped)
+    MSG_ERR_SELF = -6,          // a synchronous send to the sending task itself would never end
 };
 
 // A unit of work of the agent: a POCO task with a bounded multi-producer
@@ -65,8 +65,7 @@ enum MsgResult : int {
 // fails cleanly instead of touching freed memory.
 class FRAMEWORK_API Task : public Poco::Task {
 public:
-    Task(const std::string& taskName, const std::string& featureName, TaskCondition::TaskType type,
-         int queueCapacity);
+    Task(const std::string& taskName, const std::string& featureName, TaskCondition::TaskType type, int queueCapacity);
 
     virtual int Init();
     virtual void UnInit();
@@ -102,8 +101,8 @@ public:
     // timeoutMs. On failure returns a negative MsgResult and leaves response
     // empty. A message handled after its sender gave up is still handled and
     // then freed by the consumer; nothing of the sender is touched.
-    int SyncSendMsg(unsigned long taskId, const char* type, Message* msg, std::string& response,
-                    long timeoutMs, int last);
+    int SyncSendMsg(unsigned long taskId, const char* type, Message* msg, std::string& response, long timeoutMs,
+                    int last);
 
     // Handles up to maxCount queued messages on the calling (this task's)
     // thread and deletes them. Returns how many were taken from the queue.

@@ -38,8 +38,7 @@ public:
     void UseConsole();
     // Records go to a file rotated at rotateBytes, keeping `archives` old files.
     // Returns false (and keeps the current channel) when the file cannot be opened.
-    bool UseRotatingFile(const std::string& path, unsigned long rotateBytes = 10UL << 20,
-                         int archives = 5);
+    bool UseRotatingFile(const std::string& path, unsigned long rotateBytes = 10UL << 20, int archives = 5);
 
 private:
     LoggerUtils();
@@ -50,6 +49,7 @@ private:
     std::string _filePath;  // empty: console
     unsigned long _rotateBytes = 0;
     int _archives = 0;
+    std::set<std::string> _handedOut;       // names of the loggers configured so far
     std::set<std::string> _ownFileLoggers;  // names of the loggers with a file of their own
 };
 

@@ -13,8 +13,8 @@ FILENOTIFY_API void CpuYieldPoint(long long& lastTick, const char* file, int lin
 }  // namespace Engine
 
 // One stored tick per place in the code where the macro stands.
-#define FN_CPU_YIELD()                                          \
-    do {                                                        \
-        static long long fnYieldLastTick = 0;                   \
+#define FN_CPU_YIELD()                                                \
+    do {                                                              \
+        static long long fnYieldLastTick = 0;                         \
         ::Engine::CpuYieldPoint(fnYieldLastTick, __FILE__, __LINE__); \
     } while (0)

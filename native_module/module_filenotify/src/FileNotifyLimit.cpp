@@ -25,7 +25,9 @@ int PercentOf(int value, int percent) {
 
 FileNotifyLimit::FileNotifyLimit() : FileNotifyLimit(KernelFiles()) {}
 
-FileNotifyLimit::FileNotifyLimit(KernelFiles files) : _files(std::move(files)) { InitLimit(); }
+FileNotifyLimit::FileNotifyLimit(KernelFiles files) : _files(std::move(files)) {
+    InitLimit();
+}
 
 int FileNotifyLimit::GetFileSetting(const std::string& path) {
     std::string content;
@@ -39,8 +41,7 @@ void FileNotifyLimit::CalculateLimitParam(int percent, int maxUserInstances, int
     if (maxUserWatches > 0) _limitWatches = PercentOf(maxUserWatches, percent);
     if (maxUserInstances > 0) _limitInstances = PercentOf(maxUserInstances, percent);
     if (fileMax > 0) _limitFile = PercentOf(fileMax, percent);
-    FN_LOG(LOG_DEBUG, "limit_watches=%d,limit_instances=%d,limit_file=%d", _limitWatches, _limitInstances,
-           _limitFile);
+    FN_LOG(LOG_DEBUG, "limit_watches=%d,limit_instances=%d,limit_file=%d", _limitWatches, _limitInstances, _limitFile);
 }
 
 FileNotifyLimit::KernelValues FileNotifyLimit::ReadKernelValues() const {
@@ -67,15 +68,14 @@ void FileNotifyLimit::AutoScaleLimit() {
     int percent = _percent;
     std::string installPath;
     SDK::ConfigUtils config;
-    const bool loaded = SDK::PathUtils::GetInstallationPath(installPath) &&
-                        config.LoadConfigFile(installPath + "conf/resource.conf");
+    const bool loaded =
+        SDK::PathUtils::GetInstallationPath(installPath) && config.LoadConfigFile(installPath + "conf/resource.conf");
     if (!loaded) {
         FN_LOG(LOG_ERROR, "Failed to get inotiy config, installPath=%s", installPath);
     } else {
         percent = config.GetIntValue("inotify", _percent);
         if (percent <= 0) percent = _percent;
-        FN_LOG(LOG_INFORMATION, "auto scale inotify limit, percent=%d, max_watches=%d", percent,
-               kernel.maxUserWatches);
+        FN_LOG(LOG_INFORMATION, "auto scale inotify limit, percent=%d, max_watches=%d", percent, kernel.maxUserWatches);
     }
     CalculateLimitParam(percent, kernel.maxUserInstances, kernel.fileMax, kernel.maxUserWatches);
 }

@@ -12,6 +12,8 @@ int FileNotifyModule::Init() {
     return 0;
 }
 
-void FileNotifyModule::UnInit() { Framework::Module::UnInit(); }
+void FileNotifyModule::UnInit() {
+    Framework::Module::UnInit();
+}
 
 }  // namespace Engine

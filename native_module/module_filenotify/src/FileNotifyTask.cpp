@@ -26,7 +26,9 @@ int FileNotifyTask::Init() {
     return Framework::Task::Init();
 }
 
-void FileNotifyTask::UnInit() { Framework::Task::UnInit(); }
+void FileNotifyTask::UnInit() {
+    Framework::Task::UnInit();
+}
 
 int FileNotifyTask::InotifyEventAction(int fd, unsigned int /*events*/, void* /*arg*/) {
     // Aligned for the inotify_event records the kernel writes into it.

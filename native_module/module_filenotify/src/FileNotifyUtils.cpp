@@ -163,7 +163,7 @@ int FileNotifyUtils::TraverseSubFolder(const std::string& folder, std::vector<st
         FN_LOG(LOG_ERROR, "dir == NULL");
         return 1;
     }
-    while (const dirent* entry = ::readdir(dir.get())) {
+    while (const dirent* entry = ::readdir(dir.get())) {  // NOLINT(concurrency-mt-unsafe): one stream per call
         if (std::strcmp(entry->d_name, ".") == 0 || std::strcmp(entry->d_name, "..") == 0) continue;
         if (VisitEntry(folder + entry->d_name, out, limit, watchSymLink) != 0) return 1;
     }

@@ -59,8 +59,8 @@ public:
     // entered; with watchSymLink a link to a folder is listed itself.
     // Returns 0, or 1 when a folder cannot be opened or a folder lies deeper
     // than limit.MAX_DEPTH; out then keeps what was appended so far.
-    static int TraverseSubFolder(const std::string& folder, std::vector<std::string>& out,
-                                 _FolderTraverseLimit& limit, bool watchSymLink);
+    static int TraverseSubFolder(const std::string& folder, std::vector<std::string>& out, _FolderTraverseLimit& limit,
+                                 bool watchSymLink);
 
     // The path behind an open descriptor (/proc/self/fd), with "/" appended
     // for a folder. Returns 0, or 1 for fd < 1 or an unreadable link.
