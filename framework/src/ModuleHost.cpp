@@ -30,14 +30,25 @@ int ModuleHost::Load(const std::string& libraryPath, std::string& error) {
         return 1;
     }
     auto create = reinterpret_cast<CreateModuleFunc>(_library->getSymbol("CreateModule"));
-    Module* module = create();
+    Module* module = nullptr;
+    try {
+        module = create();
+    } catch (...) {
+        // reported below like a module that was not made
+    }
     if (module == nullptr) {
         error = "CreateModule of " + libraryPath + " returned no module";
         Unload();
         return 1;
     }
     _module.assign(module);  // takes the reference CreateModule made
-    if (const int r = _module->Init(); r != 0) {
+    int r = -1;
+    try {
+        r = _module->Init();
+    } catch (...) {
+        // reported below as a failed Init
+    }
+    if (r != 0) {
         error = Poco::format("module %s failed to initialise (%d)", std::string(_module->name()), r);
         _module->UnInit();
         _module->ReleaseTasks();

@@ -119,6 +119,14 @@ int Task::AddConsumer(int taskId, const std::string& type, Task* watcher) {
     return 0;
 }
 
+int Task::AddConsumerByName(const std::string& taskName, const std::string& type) {
+    const int id = TaskRegistry::Instance().FindIdByName(taskName);
+    if (id == 0) return 0;
+    std::lock_guard<std::mutex> lock(_consumerMutex);
+    _consumers[{id, type}] = id;
+    return id;
+}
+
 int Task::RemoveConsumer(int taskId, const std::string& type) {
     std::lock_guard<std::mutex> lock(_consumerMutex);
     return _consumers.erase({taskId, type}) != 0 ? 0 : 1;

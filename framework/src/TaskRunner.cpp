@@ -10,7 +10,12 @@ TaskRunner::~TaskRunner() {
 
 int TaskRunner::Start() {
     if (!_task || _started || _initialised) return 1;
-    const int result = _task->Init();
+    int result = -1;
+    try {
+        result = _task->Init();
+    } catch (...) {
+        // A task that throws out of Init is a task that failed to initialise.
+    }
     if (result != 0) return result;
     _initialised = true;
     _thread = std::make_unique<Poco::Thread>(_task->GetTaskName());

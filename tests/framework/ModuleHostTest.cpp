@@ -66,8 +66,9 @@ TEST(ModuleHost, RunsTheFileNotifyModuleAndLeavesNothingBehind) {
         // shorter time-out succeeds only because a message wakes it.
         Probe probe;
         auto consumer = MakeServeTask("module_consumer");
-        const int moduleId = Framework::Task::FindTaskIdByName("filenotify_task");
-        ASSERT_EQ(0, consumer->AddConsumer(moduleId, "f", task));
+        const int moduleId = consumer->AddConsumerByName("filenotify_task", "f");
+        ASSERT_EQ(task->GetTaskId(), moduleId);
+        EXPECT_EQ(0, consumer->AddConsumerByName("no_such_task", "f"));
         std::string reply;
         EXPECT_EQ(3, consumer->SyncSendMsg(moduleId, "f", new ProbeMessage(probe, 3, "done"), reply, 1000, 2));
         EXPECT_EQ("done", reply);

@@ -87,6 +87,10 @@ public:
     // taskId. Registering again replaces the earlier receiver. Returns 0, or
     // 1 when watcher is null.
     int AddConsumer(int taskId, const std::string& type, Task* watcher);
+    // Registers the live task named taskName as the receiver of `type` under
+    // its own id, for a sender that knows the receiver only by name. Returns
+    // that id, or 0 when no task has the name.
+    int AddConsumerByName(const std::string& taskName, const std::string& type);
     int RemoveConsumer(int taskId, const std::string& type);
 
     // Queues msg (ownership passes, whatever the result) for the consumer
@@ -118,7 +122,8 @@ public:
     std::uint64_t GetDroppedMsgCount() const { return _dropped.load(std::memory_order_relaxed); }
 
     EventWaiter& GetEventWaiter() { return _waiter; }
-    bool IsCancelling() const { return state() == TASK_CANCELLING; }
+    // The cancel flag is set before POCO's state (an atomic, readable from any thread).
+    bool IsCancelling() const { return _cancelRequested.load(std::memory_order_acquire) || state() == TASK_CANCELLING; }
 
     // POCO's cancel, plus a wake-up of the task's wait so that Run sees the
     // cancelling state at once instead of at the end of a time-out.
