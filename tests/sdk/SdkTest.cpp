@@ -357,16 +357,9 @@ TEST(ConfigUtilsTest, IntValueTable) {
         const char *key, *value;
         int expected;
     } cases[] = {
-        {"plain", "42", 42},
-        {"negative", "-5", -5},
-        {"plus", "+9", 9},
-        {"inline", "20  # percent", 20},
-        {"alpha", "abc", def},
-        {"trailing", "12abc", def},
-        {"float", "1.5", def},
-        {"over", "2147483648", def},
-        {"signs", "+-3", def},
-        {"ref", "${plain}", def},
+        {"plain", "42", 42},   {"negative", "-5", -5},     {"plus", "+9", 9},     {"inline", "20  # percent", 20},
+        {"alpha", "abc", def}, {"trailing", "12abc", def}, {"float", "1.5", def}, {"over", "2147483648", def},
+        {"signs", "+-3", def}, {"ref", "${plain}", def},
     };
     TestUtil::TempDir dir;
     std::string text = "# hidden = 5\n! hidden2 = 6\n";
