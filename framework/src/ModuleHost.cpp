@@ -73,9 +73,7 @@ int ModuleHost::Start(std::string& error) {
             const std::string reason = Poco::format("task %s failed to initialise (%d)", reg.task->GetTaskName(), r);
             if (reg.required) {
                 error = reason;
-                for (auto it = _runners.rbegin(); it != _runners.rend(); ++it)
-                    (*it)->Stop();
-                _runners.clear();
+                StopTasks();
                 return 1;
             }
             poco_warning(FrameworkLogger(), reason + "; the module runs without it");
@@ -86,13 +84,17 @@ int ModuleHost::Start(std::string& error) {
     return 0;
 }
 
-void ModuleHost::Stop() {
+void ModuleHost::StopTasks() {
     // Cancel them all first so that they wind down together, then join.
     for (auto it = _runners.rbegin(); it != _runners.rend(); ++it)
         (*it)->GetTask()->cancel();
     for (auto it = _runners.rbegin(); it != _runners.rend(); ++it)
         (*it)->Stop();
     _runners.clear();
+}
+
+void ModuleHost::Stop() {
+    StopTasks();
     if (_module) {
         _module->UnInit();
         _module->ReleaseTasks();

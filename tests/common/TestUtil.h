@@ -5,6 +5,7 @@
 #include <unistd.h>
 
 #include <chrono>
+#include <filesystem>
 #include <functional>
 #include <string>
 #include <thread>
@@ -37,6 +38,15 @@ public:
 private:
     std::string _path;
 };
+
+// Entries of a folder such as /proc/self/fd or /proc/self/task, to compare
+// before and after: what a piece of code opened or started and left behind.
+inline long CountEntries(const char* folder) {
+    long n = 0;
+    for (auto it = std::filesystem::directory_iterator(folder); it != std::filesystem::directory_iterator(); ++it)
+        ++n;
+    return n;
+}
 
 // Polls cond until it holds or the time-out passes; for state that another
 // thread changes. Returns the last result of cond.

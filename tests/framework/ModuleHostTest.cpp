@@ -1,4 +1,3 @@
-#include <dirent.h>
 #include <dlfcn.h>
 #include <stdlib.h>
 
@@ -21,16 +20,6 @@ using std::chrono::steady_clock;
 
 namespace {
 
-int CountEntries(const char* folder) {
-    int n = 0;
-    if (DIR* dir = ::opendir(folder)) {
-        while (const dirent* e = ::readdir(dir))
-            if (e->d_name[0] != '.') ++n;
-        ::closedir(dir);
-    }
-    return n - 1;  // the listing's own descriptor or nothing; only differences matter
-}
-
 bool IsLoaded(const char* path) {
     void* handle = ::dlopen(path, RTLD_NOW | RTLD_NOLOAD);
     if (handle == nullptr) return false;
@@ -49,8 +38,8 @@ std::vector<std::string> ReadLines(const std::string& path) {
 }  // namespace
 
 TEST(ModuleHost, RunsTheFileNotifyModuleAndLeavesNothingBehind) {
-    const int threadsBefore = CountEntries("/proc/self/task");
-    const int fdsBefore = CountEntries("/proc/self/fd");
+    const long threadsBefore = TestUtil::CountEntries("/proc/self/task");
+    const long fdsBefore = TestUtil::CountEntries("/proc/self/fd");
     {
         Framework::ModuleHost host;
         std::string error;
@@ -81,8 +70,8 @@ TEST(ModuleHost, RunsTheFileNotifyModuleAndLeavesNothingBehind) {
         EXPECT_FALSE(IsLoaded(FN_MODULE_PATH));
         EXPECT_EQ(0, Framework::Task::FindTaskIdByName("filenotify_task"));
     }
-    EXPECT_EQ(threadsBefore, CountEntries("/proc/self/task"));
-    EXPECT_EQ(fdsBefore, CountEntries("/proc/self/fd"));
+    EXPECT_EQ(threadsBefore, TestUtil::CountEntries("/proc/self/task"));
+    EXPECT_EQ(fdsBefore, TestUtil::CountEntries("/proc/self/fd"));
 }
 
 TEST(ModuleHost, LoadFailuresSayWhy) {

@@ -119,8 +119,7 @@ TEST(FileUtilsTest, KindsAndReads) {
     ASSERT_EQ(::symlink("nowhere", (d / "dangling").c_str()), 0);
     ASSERT_EQ(::mkfifo((d / "fifo").c_str(), 0644), 0);
 
-    const auto openFds = [] { return std::distance(fs::directory_iterator("/proc/self/fd"), {}); };
-    const auto fdsBefore = openFds();
+    const long fdsBefore = TestUtil::CountEntries("/proc/self/fd");
     const struct {
         std::string path;
         bool isFile, isDir, readOk;
@@ -160,7 +159,7 @@ TEST(FileUtilsTest, KindsAndReads) {
         EXPECT_EQ(FileUtils::ReadFile(c.path, content, c.maxBytes), c.readOk) << c.path;
         EXPECT_TRUE(content == c.content) << c.path << " max " << c.maxBytes << ": " << content.size();
     }
-    EXPECT_EQ(openFds(), fdsBefore);
+    EXPECT_EQ(TestUtil::CountEntries("/proc/self/fd"), fdsBefore);
 }
 
 // A copy of sleep, run in a child process that is killed and reaped however the test ends.

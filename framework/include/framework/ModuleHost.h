@@ -40,6 +40,8 @@ public:
     Task* FindTask(const std::string& taskName);
 
 private:
+    // Cancels, joins and un-initialises the running tasks, last started first.
+    void StopTasks();
     void Unload();
 
     std::unique_ptr<Poco::SharedLibrary> _library;
