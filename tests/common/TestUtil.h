@@ -6,6 +6,7 @@
 
 #include <chrono>
 #include <filesystem>
+#include <fstream>
 #include <functional>
 #include <string>
 #include <thread>
@@ -58,6 +59,15 @@ inline bool WaitUntil(const std::function<bool()>& cond,
         std::this_thread::sleep_for(std::chrono::milliseconds(1));
     }
     return true;
+}
+
+// The integer at the start of a file such as /proc/sys/fs/inotify/*; -1
+// when it cannot be read.
+inline int ReadIntFile(const std::string& path) {
+    std::ifstream in(path);
+    int value = -1;
+    in >> value;
+    return in ? value : -1;
 }
 
 }  // namespace TestUtil

@@ -1,6 +1,5 @@
 #include <atomic>
 #include <chrono>
-#include <mutex>
 #include <string>
 #include <vector>
 
@@ -12,39 +11,14 @@
 #include "FileNotifyMessage.h"
 #include "FileNotifyTask.h"
 #include "LogCapture.h"
-#include "MixedTask.h"
+#include "RecordingConsumer.h"
 #include "TestUtil.h"
 #include "framework/TaskRunner.h"
 
 using std::chrono::milliseconds;
 using std::chrono::steady_clock;
 
-namespace {
-
-// A consumer of file events that serves its own queue.
-class EventConsumer : public Engine::MixedTask {
-public:
-    EventConsumer() : Engine::MixedTask("event_consumer", "test", Framework::TaskCondition::TASK_TYPE_EVENT, 64) {}
-    int Run() override { return ServeMessages(3000); }
-    int FileNotifyMessageAction(Engine::FileNotifyMessage* msg) override {
-        std::lock_guard<std::mutex> lock(mutex);
-        paths.push_back(msg->GetEventFilePath());
-        masks.push_back(msg->GetEventMask());
-        return 0;
-    }
-    std::size_t Count() {
-        std::lock_guard<std::mutex> lock(mutex);
-        return paths.size();
-    }
-    std::mutex mutex;
-    std::vector<std::string> paths;
-    std::vector<unsigned int> masks;
-
-protected:
-    ~EventConsumer() override = default;
-};
-
-}  // namespace
+using TestUtil::RecordingConsumer;
 
 TEST(FileNotifyTask, StopsPromptlyDuringItsLongWait) {
     Poco::AutoPtr<Engine::FileNotifyTask> task(new Engine::FileNotifyTask());
@@ -60,7 +34,7 @@ TEST(FileNotifyTask, StopsPromptlyDuringItsLongWait) {
 
 TEST(FileNotifyTask, RegisteredConsumerReceivesFileEvents) {
     Poco::AutoPtr<Engine::FileNotifyTask> task(new Engine::FileNotifyTask());
-    Poco::AutoPtr<EventConsumer> consumer(new EventConsumer());
+    Poco::AutoPtr<RecordingConsumer> consumer(new RecordingConsumer());
     Framework::TaskRunner consumerRunner(consumer.get());
     ASSERT_EQ(0, consumerRunner.Start());
 
@@ -79,6 +53,5 @@ TEST(FileNotifyTask, RegisteredConsumerReceivesFileEvents) {
     ASSERT_EQ(0, task->SendMsg(consumer->GetTaskId(), "f", new Engine::FileNotifyMessage(0, "/tmp/x/", 0x100)));
     ASSERT_EQ(0, task->SendMsg(consumer->GetTaskId(), "f", new Engine::FileNotifyMessage(1, "/tmp/y", 0x2)));
     ASSERT_TRUE(TestUtil::WaitUntil([&] { return consumer->Count() == 2; }));
-    EXPECT_EQ((std::vector<std::string>{"/tmp/x", "/tmp/y"}), consumer->paths);
-    EXPECT_EQ((std::vector<unsigned int>{0x100, 0x2}), consumer->masks);
+    EXPECT_EQ((std::vector<std::string>{"/tmp/x 0x100", "/tmp/y 0x2"}), consumer->Summary());
 }

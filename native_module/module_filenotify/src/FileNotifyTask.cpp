@@ -2,7 +2,11 @@
 
 #include <sys/inotify.h>
 
+#include "CpuYield.h"
 #include "FileNotifyLog.h"
+#include "FileNotifyMessage.h"
+#include "FileNotifyUtils.h"
+#include "sdk/FileUtils.h"
 
 namespace Engine {
 
@@ -71,10 +75,82 @@ int FileNotifyTask::AddFileNotifyMsgConsumer(int taskId, Framework::Task* watche
     return 0;
 }
 
+int FileNotifyTask::AddInotifyWatch(int taskId, const std::string& path, unsigned int mask, const _FileNotifyOpt& opt,
+                                    int& watchId) {
+    FN_LOG(LOG_DEBUG, "AddInotifyWatch taskId=%d;watchedObject=%s;mask=%u", taskId, path, mask);
+    const int result = fileInotifyWatch.AddWatch(taskId, path, mask, opt, watchId);
+    if (result != 0) {
+        FN_LOG(LOG_ERROR, "fileFanotifyWatch.AddEventsWatch failed");
+        return result;
+    }
+    if ((mask & IN_CREATE) != 0 && opt.simulateCreate) {
+        const unsigned int created = SDK::FileUtils::IsFile(path) ? IN_CREATE : (IN_CREATE | IN_ISDIR);
+        auto* message = new FileNotifyMessage(0, path, created);
+        message->SetExtParm(opt.extParm);
+        SendMsg(static_cast<unsigned long>(taskId), "f", message);
+        FN_LOG(LOG_DEBUG, "simulate send add mesage taskId=%d;watchedObject=%s;mask=%u", taskId, path, created);
+    }
+    return 0;
+}
+
+int FileNotifyTask::RemoveInotifyWatch(int taskId, const std::string& path) {
+    FN_LOG(LOG_DEBUG, "RemoveInotifyWatch taskId=%d;watchedObject=%s", taskId, path);
+    return fileInotifyWatch.RemoveWatch(taskId, path);
+}
+
+int FileNotifyTask::AddPendingWatch(int taskId, const std::string& path, unsigned int mask, const _FileNotifyOpt& opt,
+                                    int notifyType) {
+    pendingWatchList.emplace_back(new _PendingWatchItem{taskId, mask, notifyType, path, opt});
+    FN_LOG(LOG_DEBUG, "AddPendingWatch taskId=%d;watchedObject=%s;mask=%u", taskId, path, mask);
+    return 0;
+}
+
+int FileNotifyTask::RemovePendingWatch(int taskId, const std::string& path, bool& found) {
+    found = false;
+    if (pendingWatchList.empty()) return 0;
+    timerSuspended = true;
+    for (auto it = pendingWatchList.begin(); it != pendingWatchList.end(); ++it) {
+        FN_CPU_YIELD();
+        const _PendingWatchItem& record = **it;
+        // A plain prefix: /data/a also drops a record for /data/ab.
+        if (record.taskId != taskId || record.path.compare(0, path.size(), path) != 0) continue;
+        FN_LOG(LOG_DEBUG, "RemovePendingWatch taskId=%d;watchedObject=%s", taskId, record.path);
+        pendingWatchList.erase(it);
+        found = true;
+        break;
+    }
+    timerSuspended = false;
+    return 0;
+}
+
 void FileNotifyTask::TimerSchduler() {
-    // Nothing adds pending records yet; their walk arrives with the pending
-    // watch operations.
     if (pendingWatchList.empty() || timerSuspended) return;
+    for (auto it = pendingWatchList.begin(); it != pendingWatchList.end();) {
+        FN_CPU_YIELD();
+        _PendingWatchItem& record = **it;
+        if (!FileNotifyUtils::IsExistFilePath(record.path)) {
+            ++it;
+            continue;
+        }
+        record.opt.timerFound = true;
+        const std::string path = FileNotifyUtils::FormatFolderName(record.path);
+        FN_LOG(LOG_DEBUG, "Timer detect new created file taskId=%d;watchedObject=%s;mask=%u", record.taskId, path,
+               record.mask);
+        // Unlinked before the add: an add can come back here (a root that
+        // vanished and is back already runs the timer at once).
+        std::unique_ptr<_PendingWatchItem> owned = std::move(*it);
+        it = pendingWatchList.erase(it);
+        int watchId = 0;
+        int result = 0;
+        switch (owned->notifyType) {
+            case 0:
+                result = AddInotifyWatch(owned->taskId, path, owned->mask, owned->opt, watchId);
+                break;
+            default:  // the fanotify kinds join with the fanotify engine
+                break;
+        }
+        if (result != 0) FN_LOG(LOG_ERROR, "call AddWatch failed m_filePath=%s", owned->path);
+    }
 }
 
 void FileNotifyTask::ClearCache() {

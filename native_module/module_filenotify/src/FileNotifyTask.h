@@ -43,12 +43,31 @@ public:
     // watcher is logged and not reported as failure.
     int AddFileNotifyMsgConsumer(int taskId, Framework::Task* watcher);
 
-    // Timer duty, run every timerPassThreshold passes of the loop.
+    // Watch dispatch: each forwards to its engine's manager and returns its
+    // result (0 for success). watchId receives the id of the watch made.
+    // After an inotify add with the create bit and simulateCreate, the
+    // consumer receives a created event for the watched object itself.
+    int AddInotifyWatch(int taskId, const std::string& path, unsigned int mask, const _FileNotifyOpt& opt,
+                        int& watchId);
+    int RemoveInotifyWatch(int taskId, const std::string& path);
+
+    // Keeps a watch for a path that does not exist (yet); notifyType 0
+    // inotify, 1 fanotify notify, 2 fanotify permit. No duplicate check.
+    int AddPendingWatch(int taskId, const std::string& path, unsigned int mask, const _FileNotifyOpt& opt,
+                        int notifyType);
+    // Drops the first pending record of taskId whose path begins with path.
+    // Always 0; found tells whether one was dropped.
+    int RemovePendingWatch(int taskId, const std::string& path, bool& found);
+    // Timer duty, run every timerPassThreshold passes of the loop: pending
+    // paths that exist now become watches; their records are dropped.
     void TimerSchduler();
     // Frees every pending watch record.
     void ClearCache();
 
     int GetPassCount() const { return passCount; }
+    const std::list<std::unique_ptr<_PendingWatchItem>>& GetPendingWatchList() const { return pendingWatchList; }
+    // The engines, for callers that already run on the task's thread.
+    FileInotifyWatch& GetInotifyWatch() { return fileInotifyWatch; }
 
 protected:
     ~FileNotifyTask() override;

@@ -1,0 +1,511 @@
+#include "FileInotify.h"
+
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdint>
+#include <cstring>
+
+#include "CpuYield.h"
+#include "FileNotifyLimit.h"
+#include "FileNotifyLog.h"
+#include "FileNotifyTask.h"
+#include "FileNotifyUtils.h"
+#include "framework/Event.h"
+#include "sdk/FileUtils.h"
+#include "sdk/PathUtils.h"
+
+namespace Engine {
+
+namespace {
+
+// The kernel never reports these on a folder's own watch with IN_ISDIR.
+constexpr unsigned int kSelfGone = IN_DELETE_SELF | IN_MOVE_SELF;
+// Deepest folder level a recursive walk opens; the root is level 1.
+constexpr int kMaxTraverseDepth = 20;
+
+// The record's name, bounded by len: a name is NUL-padded by the kernel, but
+// a damaged buffer must not make us read past the record.
+std::string EventName(const struct inotify_event* event) {
+    return std::string(event->name, ::strnlen(event->name, event->len));
+}
+
+std::string JoinPath(const std::string& folder, const struct inotify_event* event) {
+    return SDK::PathUtils::GetCanonicalizePath(folder + "/" + EventName(event));
+}
+
+}  // namespace
+
+FileInotify::FileInotify(FileNotifyLimit* limit) : _limit(limit) {
+    Initialize();
+}
+
+FileInotify::~FileInotify() {
+    ClearWatch();
+    ClearRefreshWatch();
+    Finalize();
+}
+
+int FileInotify::Initialize() {
+    FN_LOG(LOG_DEBUG, "call FileInotify.Initialize");
+    if (_fd != -1) {
+        FN_LOG(LOG_ERROR, "repeat call initialize");
+        return 1;
+    }
+    // Non-blocking: a read batch drains the descriptor until EAGAIN.
+    _fd = ::inotify_init1(IN_NONBLOCK | IN_CLOEXEC);
+    if (_fd < 0) {
+        const int error = errno;
+        // EMFILE here means fs.inotify.max_user_instances is used up.
+        FN_LOG(LOG_ERROR, "call inotify_init1 failed,error=%d", error);
+        return 1;
+    }
+    return 0;
+}
+
+void FileInotify::Finalize() {
+    FN_LOG(LOG_DEBUG, "call FileInotify.Finalize");
+    if (_fd < 0) {
+        FN_LOG(LOG_ERROR, "No Initialize for inotify_init1");
+        return;
+    }
+    // The waiter must forget the descriptor before its number can be reused.
+    _event.reset();
+    if (::close(_fd) == 0) {
+        _fd = -1;
+    } else {
+        FN_LOG(LOG_ERROR, "failed to close _fd %d", _fd);
+    }
+}
+
+void FileInotify::UpdateWatchSize() {
+    const int size = static_cast<int>(_watchItemMap.size() + _watchSubItemMap.size());
+    _limit->UpdateWatchSize(size - _watchSize);
+    _watchSize = size;
+}
+
+bool FileInotify::GetSubFloderList(std::vector<std::string>& list, const std::string& path, bool watchSymLink,
+                                   bool watchChildFolder, bool isFile) {
+    FN_LOG(LOG_DEBUG, "call watchChildFolder=%b,isFile=%b,watchSymLink=%b", watchChildFolder, isFile, watchSymLink);
+    if (!isFile && watchChildFolder) {
+        FileNotifyUtils::_FolderTraverseLimit limit;
+        limit.MAX_DEPTH = kMaxTraverseDepth;
+        if (FileNotifyUtils::TraverseSubFolder(path, list, limit, watchSymLink) != 0) {
+            FN_LOG(LOG_ERROR, "failed to TraverseSubFolder  %s", path);
+            return false;
+        }
+    }
+    FN_LOG(LOG_DEBUG, "TraverseSubFolderSize =%z", list.size());
+    // The whole tree is checked once, before any kernel call, so a tree too
+    // large is refused without a partial add.
+    const int needed = static_cast<int>(list.size()) + 1;
+    if (_limit->GetPermitWatchSize() >= needed) return true;
+    _limit->AutoScaleLimit();
+    if (_limit->GetPermitWatchSize() >= needed) return true;
+    FN_LOG(LOG_ERROR, "new Watch size %d is over than max size  %d", needed, _limit->GetPermitWatchSize());
+    return false;
+}
+
+int FileInotify::AddWatch(const std::string& path, unsigned int mask, int& watchId, const _FileNotifyOpt& opt) {
+    return AddWatch(path, mask, watchId, opt.watchChildFolder, opt.watchSymLink, SDK::FileUtils::IsFile(path));
+}
+
+int FileInotify::AddWatch(const std::string& path, unsigned int mask, int& watchId, bool watchChildFolder,
+                          bool watchSymLink, bool isFile) {
+    std::vector<std::string> list;
+    if (!GetSubFloderList(list, path, watchSymLink, watchChildFolder, isFile)) return 1;
+    const unsigned int kernelMask = watchSymLink ? mask : (mask | IN_DONT_FOLLOW);
+    int rootWd = 0;
+    if (watchId >= 1) {
+        FN_LOG(LOG_DEBUG, "only add subfoder for watchId=%d", watchId);
+        rootWd = watchId;
+        list.push_back(path);  // after its own subfolders, which are listed deepest first
+    } else {
+        FN_LOG(LOG_DEBUG, "add watch root folder %s", path);
+        const int result = AddWatchImpl(path, kernelMask, rootWd);
+        if (result != 0) {
+            FN_LOG(LOG_ERROR, "failed to AddWatchImpl  %s", path);
+            return result;
+        }
+    }
+    // The kernel gives an inode already watched on this descriptor its old
+    // descriptor again: such a root is reused as it is.
+    auto& item = _watchItemMap[rootWd];
+    if (!item) item.reset(new _WatchItem{rootWd, path, mask, watchChildFolder, watchSymLink, isFile, {}});
+    for (const std::string& folder : list) {
+        FN_LOG(LOG_DEBUG, "add watch subfolder %s", folder);
+        const int result = AddSubFolderWatch(folder, kernelMask, item.get());
+        if (result != 0) {
+            FN_LOG(LOG_ERROR, "failed to TraverseSubFolder  %s", folder);
+            return result;
+        }
+    }
+    watchId = rootWd;
+    UpdateWatchSize();
+    return 0;
+}
+
+int FileInotify::AddWatchImpl(const std::string& path, unsigned int mask, int& wd) {
+    FN_CPU_YIELD();
+    FN_LOG(LOG_DEBUG, "filepath=%s mask=%u", path, mask);
+    if (_fd < 0) {
+        FN_LOG(LOG_ERROR, "No Initialize for inotify_init1");
+        return 1;
+    }
+    FN_LOG(LOG_DEBUG, "_fd=%i,filepath=%s,mask=%u", _fd, path, mask);
+    const int result = ::inotify_add_watch(_fd, path.c_str(), mask);
+    if (result < 0) {
+        // ENOSPC: fs.inotify.max_user_watches is used up.
+        const int error = errno;
+        FN_LOG(LOG_ERROR, "call inotify_add_watch %s failed,error=%d", path, error);
+        return 1;
+    }
+    wd = result;
+    return 0;
+}
+
+int FileInotify::AddSubFolderWatch(const std::string& path, unsigned int mask, _WatchItem* item) {
+    FN_LOG(LOG_DEBUG, "pathname=%s", path);
+    if (item == nullptr) {
+        FN_LOG(LOG_ERROR, "watchItem==NULL");
+        return 1;
+    }
+    int wd = 0;
+    const int result = AddWatchImpl(path, mask, wd);
+    if (result != 0) {
+        FN_LOG(LOG_ERROR, "call AddWatchImpl failed  %s", path);
+        return result;
+    }
+    // A second path to an inode already watched (a link, or a folder added
+    // again by a parent's walk) records nothing new. That includes a root of
+    // this instance: a link back to it must not rename the root's events.
+    if (_watchItemMap.count(wd) == 0 && _watchSubItemMap.emplace(wd, _WatchSubItem{item->rootWd, path}).second) {
+        item->subWdList.push_back(wd);
+        _subFolderMap.emplace(path, wd);
+    }
+    FN_LOG(LOG_DEBUG, "AddSubFolderWatch end");
+    return 0;
+}
+
+int FileInotify::RemoveWatch(int watchId, bool removeRootWatch) {
+    FN_LOG(LOG_DEBUG, "RemoveWatch watchId=%d, removeRootWatch=%b", watchId, removeRootWatch);
+    if (removeRootWatch) {
+        const int result = RemoveWatchImpl(watchId);
+        FN_LOG(LOG_DEBUG, "RemoveWatch wd=%d", watchId);
+        if (result != 0) {
+            FN_LOG(LOG_ERROR, "failed to RemoveWatchImpl");
+            return result;
+        }
+    }
+    // Refresh work queued for this root must not touch the freed item.
+    auto refresh = _refreshWatchMap.find(watchId);
+    if (refresh != _refreshWatchMap.end()) refresh->second->watchItem = nullptr;
+    auto found = _watchItemMap.find(watchId);
+    if (found == _watchItemMap.end()) {
+        UpdateWatchSize();
+        return 0;
+    }
+    for (int subWd : found->second->subWdList) {
+        FN_CPU_YIELD();
+        const int result = RemoveSubFolderWatch(subWd);
+        if (result != 0) {
+            FN_LOG(LOG_ERROR, "failed to RemoveSubFolderWatch subFolderWatchId=%d", subWd);
+            return result;
+        }
+    }
+    _watchItemMap.erase(found);
+    UpdateWatchSize();
+    return 0;
+}
+
+int FileInotify::RemoveWatchImpl(int wd) {
+    FN_LOG(LOG_DEBUG, "RemoveWatchImpl watchId=%d", wd);
+    if (_fd < 0) {
+        FN_LOG(LOG_ERROR, "No Initialize for inotify_init1");
+        return 1;
+    }
+    FN_LOG(LOG_DEBUG, "remove watchId=%d", wd);
+    if (wd < 0) {
+        FN_LOG(LOG_ERROR, "No Initialize for inotify_init1");
+        return 1;
+    }
+    if (::inotify_rm_watch(_fd, wd) != 0) {
+        // EINVAL: the kernel dropped the watch already (its folder was
+        // deleted, IN_IGNORED was queued). Nothing is left to undo.
+        const int error = errno;
+        FN_LOG(LOG_WARNING, "inotify_rm_watch _fd=%d;watchId=%d error=%d", _fd, wd, error);
+    }
+    FN_LOG(LOG_DEBUG, "RemoveWatchImpl end");
+    FN_CPU_YIELD();
+    return 0;
+}
+
+int FileInotify::RemoveSubFolderWatch(int wd) {
+    FN_LOG(LOG_DEBUG, "RemoveSubFolderWatch subFolderWatchId=%d", wd);
+    int result = RemoveWatchImpl(wd);
+    if (result != 0) {
+        FN_LOG(LOG_ERROR, "failed to RemoveWatchImpl subFolderWatchId=%d", wd);
+        return result;
+    }
+    FN_LOG(LOG_DEBUG, "remove subFolderWatchId=%d", wd);
+    result = DeleteSubFolderCache(wd);
+    if (result != 0) {
+        FN_LOG(LOG_ERROR, "failed to DeleteSubFolderCache subFolderWatchId=%d", wd);
+        return result;
+    }
+    return 0;
+}
+
+// The root's subWdList keeps wd: a later removal of the stale entry fails
+// quietly in the kernel, which is cheaper than searching the list here.
+int FileInotify::DeleteSubFolderCache(int wd) {
+    FN_LOG(LOG_DEBUG, "DeleteSubFolderCache  watchId=%d", wd);
+    auto found = _watchSubItemMap.find(wd);
+    if (found == _watchSubItemMap.end()) return 0;
+    _subFolderMap.erase(found->second.path);
+    _watchSubItemMap.erase(found);
+    return 0;
+}
+
+int FileInotify::ClearWatch() {
+    FN_LOG(LOG_DEBUG, "ClearWatch");
+    std::set<int> roots;
+    for (const auto& entry : _watchItemMap)
+        roots.insert(entry.first);
+    for (int root : roots)
+        RemoveWatch(root);
+    _watchItemMap.clear();  // the roots whose removal failed
+    UpdateWatchSize();
+    return 0;
+}
+
+int FileInotify::AddEventWatch(Framework::Task* task, Framework::EventCallback<FileNotifyTask>* callback) {
+    if (_event) {
+        delete callback;  // the registration made first keeps its own
+        return 0;
+    }
+    _event.reset(new Framework::Event(callback, nullptr, _fd));
+    const int result = task->GetEventWaiter().AddEvent(_event.get());
+    if (result != 0) FN_LOG(LOG_ERROR, "call AddEvent failed errorCode=%d", result);
+    return result;
+}
+
+int FileInotify::ReadEvents(char* buffer, int size, InotifyCallback callback, void* data) {
+    bool readSome = false;
+    for (;;) {
+        const ssize_t length = ::read(_fd, buffer, static_cast<std::size_t>(size));
+        if (length < 0 && errno == EINTR) continue;
+        if (length <= 0) break;  // EAGAIN: drained
+        FN_CPU_YIELD();
+        if (DoWithEvents(buffer, static_cast<int>(length), callback, data) != 0) {
+            FN_LOG(LOG_ERROR, "call DoWithEvents failed");
+        }
+        readSome = true;
+    }
+    if (!readSome) return 0;
+    InotifyCallBackParm batchEnd;
+    batchEnd.type = InotifyCallBackParm::TYPE_BATCH_END;
+    int result = callback(batchEnd, data);
+    if (result != 0) {
+        FN_LOG(LOG_ERROR, "call callback failed");
+        return result;
+    }
+    // Tree changes wait until the receiver has flushed its cache, so moved
+    // folders are reported under the paths they had when they moved.
+    FN_CPU_YIELD();
+    result = RefreshWatch(callback, data);
+    if (result != 0) {
+        FN_LOG(LOG_ERROR, "call RefreshWatch failed");
+        return result;
+    }
+    return 0;
+}
+
+int FileInotify::DoWithEvents(const char* buffer, int length, InotifyCallback callback, void* data) {
+    constexpr std::size_t kHeader = sizeof(struct inotify_event);
+    const std::size_t total = length > 0 ? static_cast<std::size_t>(length) : 0;
+    std::size_t offset = 0;
+    while (offset < total) {
+        const char* record = buffer + offset;
+        const std::size_t remaining = total - offset;
+        // The kernel writes whole, aligned records; anything else means the
+        // buffer is damaged and nothing behind this point can be trusted.
+        if (remaining < kHeader || reinterpret_cast<std::uintptr_t>(record) % alignof(struct inotify_event) != 0) {
+            FN_LOG(LOG_ERROR, "bad inotify record at offset %z of %z bytes", offset, total);
+            return 0;
+        }
+        const auto* event = reinterpret_cast<const struct inotify_event*>(record);
+        if (event->len > remaining - kHeader) {
+            FN_LOG(LOG_ERROR, "bad inotify record at offset %z of %z bytes", offset, total);
+            return 0;
+        }
+        offset += kHeader + event->len;
+        if ((event->mask & IN_IGNORED) != 0) {
+            // The kernel has dropped the watch; the self event before it did the bookkeeping.
+            FN_LOG(LOG_DEBUG, "IN_IGNORED remove watch wd %d", event->wd);
+        } else if ((event->mask & IN_Q_OVERFLOW) != 0) {
+            ++_overflowCount;
+            FN_LOG(LOG_ERROR, "IN_Q_OVERFLOW inotify queue overflow");
+            return 0;
+        } else if (DoWithOneEvent(event, callback, data) != 0) {
+            FN_LOG(LOG_ERROR, "call DoWithEvent failed");
+        } else {
+            FN_CPU_YIELD();
+        }
+    }
+    return 0;
+}
+
+bool FileInotify::GetNotifyCallbackPara(const struct inotify_event* event, int& wd, std::string& path, bool& selfEvent,
+                                        _WatchItem** item) {
+    auto sub = _watchSubItemMap.find(wd);
+    if (sub != _watchSubItemMap.end()) {
+        wd = sub->second.rootWd;
+        if (event->len > 0) {
+            path = JoinPath(sub->second.path, event);
+        } else if ((event->mask & kSelfGone) != 0) {
+            path = sub->second.path;
+            selfEvent = true;
+        } else {
+            return true;  // attributes, opens and the like of the subfolder itself
+        }
+    }
+    auto root = _watchItemMap.find(wd);
+    if (root == _watchItemMap.end()) {
+        FN_LOG(LOG_ERROR, "No find the WatchRootItem for rootWd=%i", wd);
+        return false;
+    }
+    if (event->wd == wd) path = event->len > 0 ? JoinPath(root->second->path, event) : root->second->path;
+    *item = root->second.get();
+    return true;
+}
+
+int FileInotify::DoWithOneEvent(const struct inotify_event* event, InotifyCallback callback, void* data) {
+    FN_LOG(LOG_DEBUG, "wd=%d", event->wd);
+    int wd = event->wd;
+    std::string path;
+    bool selfEvent = false;
+    _WatchItem* item = nullptr;
+    const bool failed = !GetNotifyCallbackPara(event, wd, path, selfEvent, &item);
+    if (item == nullptr) return failed ? 1 : 0;
+    // A watched subfolder that went away is only bookkeeping: its parent's
+    // watch has reported the deletion or move already.
+    if (!selfEvent) {
+        InotifyCallBackParm parm;
+        parm.fd = _fd;
+        parm.rootWd = wd;
+        parm.filePath = path;
+        parm.event = event;
+        parm.mask = event->mask;
+        if ((parm.mask & kSelfGone) != 0 && !item->isFile) parm.mask |= IN_ISDIR;
+        if (callback(parm, data) != 0) {
+            FN_LOG(LOG_ERROR, "call callback failed");
+            return 1;
+        }
+        FN_CPU_YIELD();
+    }
+    if (AddRefreshWatchTask(item, path, event, selfEvent) != 0) {
+        FN_LOG(LOG_ERROR, "call AddRefreshWatchTask failed");
+        return 1;
+    }
+    return 0;
+}
+
+int FileInotify::AddRefreshWatchTask(_WatchItem* item, const std::string& path, const struct inotify_event* event,
+                                     bool selfEvent) {
+    const unsigned int mask = event->mask;
+    const bool rootGone = !selfEvent && (mask & kSelfGone) != 0;
+    const bool folderCame = !selfEvent && !rootGone && (mask & IN_ISDIR) != 0 &&
+                            (mask & (IN_CREATE | IN_MOVED_TO)) != 0 && item->watchChildFolder;
+    if (!selfEvent && !rootGone && !folderCame) return 0;
+    auto& refresh = _refreshWatchMap[item->rootWd];
+    if (!refresh) {
+        refresh.reset(new _RefreshWatchItem());
+        refresh->watchItem = item;
+        refresh->rootWd = item->rootWd;
+    }
+    if (rootGone) {
+        refresh->reCreateWatch = true;
+    } else if (selfEvent) {
+        refresh->removeSubWatch = true;
+        refresh->removeSubFolders.insert(path);
+    } else {
+        refresh->addSubWatch = true;
+        refresh->addSubFolders.insert(path + "/");
+    }
+    return 0;
+}
+
+int FileInotify::RefreshWatch(InotifyCallback callback, void* data) {
+    for (auto it = _refreshWatchMap.begin(); it != _refreshWatchMap.end(); it = _refreshWatchMap.erase(it)) {
+        FN_CPU_YIELD();
+        _RefreshWatchItem* refresh = it->second.get();
+        if (refresh->reCreateWatch) {
+            // The subfolder work of a vanished root is moot: dropped with it.
+            if (RemoveWatch(refresh->rootWd) != 0) FN_LOG(LOG_ERROR, "call RemoveWatch failed");
+            InotifyCallBackParm gone;
+            gone.type = InotifyCallBackParm::TYPE_ROOT_REMOVED;
+            gone.fd = _fd;
+            gone.removedWd = refresh->rootWd;
+            if (callback(gone, data) != 0) FN_LOG(LOG_ERROR, "call callback failed");
+            continue;
+        }
+        if (refresh->removeSubWatch && RefreshRemoveSubWatch(refresh) != 0) {
+            FN_LOG(LOG_ERROR, "call AddSubWatch failed");
+            FN_LOG(LOG_ERROR, "call ReCreateWatch failed");
+        }
+        if (refresh->addSubWatch && RefreshAddSubWatch(refresh) != 0) FN_LOG(LOG_ERROR, "call AddSubWatch failed");
+    }
+    return 0;
+}
+
+int FileInotify::RefreshAddSubWatch(_RefreshWatchItem* refreshItem) {
+    const _WatchItem* item = refreshItem->watchItem;
+    if (item == nullptr) {
+        FN_LOG(LOG_ERROR, "refreshItem->watchItem had been deleted");
+        return 1;
+    }
+    const unsigned int mask = item->mask;
+    const int rootWd = item->rootWd;
+    const bool watchChildFolder = item->watchChildFolder;
+    const bool watchSymLink = item->watchSymLink;
+    for (const std::string& folder : refreshItem->addSubFolders) {
+        int watchId = rootWd;
+        if (AddWatch(folder, mask, watchId, watchChildFolder, watchSymLink, false) != 0) {
+            FN_LOG(LOG_ERROR, "call AddWatch failed,addWatchFile=%s, rootEventWd=%d", folder, rootWd);
+        }
+    }
+    return 0;
+}
+
+int FileInotify::RefreshRemoveSubWatch(const _RefreshWatchItem* refreshItem) {
+    // By path alone, over every root of this instance: whatever lies below a
+    // vanished folder has gone with it.
+    // The map is ordered, so the paths that begin with a prefix form one run
+    // starting at the prefix itself.
+    std::vector<int> gone;
+    for (const std::string& removed : refreshItem->removeSubFolders) {
+        for (auto it = _subFolderMap.lower_bound(removed);
+             it != _subFolderMap.end() && it->first.compare(0, removed.size(), removed) == 0; ++it) {
+            FN_LOG(LOG_DEBUG, "remove file,watchFile=%s", it->first);
+            gone.push_back(it->second);
+        }
+    }
+    for (int wd : gone) {
+        const int result = RemoveSubFolderWatch(wd);
+        if (result != 0) {
+            FN_LOG(LOG_ERROR, "call RemoveSubFolderWatch failed,Wd=%d", wd);
+            return result;
+        }
+    }
+    UpdateWatchSize();
+    return 0;
+}
+
+int FileInotify::ClearRefreshWatch() {
+    for (auto it = _refreshWatchMap.begin(); it != _refreshWatchMap.end(); it = _refreshWatchMap.erase(it))
+        FN_CPU_YIELD();
+    return 0;
+}
+
+}  // namespace Engine

@@ -1,0 +1,151 @@
+#pragma once
+
+#include <sys/inotify.h>
+
+#include <list>
+#include <map>
+#include <memory>
+#include <set>
+#include <string>
+#include <vector>
+
+#include "FileNotifyOpt.h"
+
+namespace Framework {
+class Event;
+class Task;
+template <class T>
+class EventCallback;
+}  // namespace Framework
+
+namespace Engine {
+
+class FileNotifyLimit;
+class FileNotifyTask;
+
+// One decoded inotify record, handed from an instance to its receiver. Valid
+// only during the callback: event points into the read buffer.
+struct InotifyCallBackParm {
+    enum Type : int {
+        TYPE_EVENT = 0,         // one file event of a root watch
+        TYPE_BATCH_END = 1,     // the descriptor has been drained
+        TYPE_ROOT_REMOVED = 2,  // a watched root folder was deleted or moved away
+    };
+    int type = TYPE_EVENT;
+    int fd = 0;                                   // the instance's descriptor (0 for TYPE_BATCH_END)
+    int rootWd = 0;                               // TYPE_EVENT: the root watch the event belongs to
+    std::string filePath;                         // TYPE_EVENT: full path of the object
+    const struct inotify_event* event = nullptr;  // TYPE_EVENT: the raw record (cookie, raw mask)
+    int removedWd = 0;                            // TYPE_ROOT_REMOVED: the root watch that has gone
+    unsigned int mask = 0;                        // TYPE_EVENT: the mask, IN_ISDIR added on folder self events
+};
+
+// Receives decoded records; 0 for success. data is passed through unchanged.
+using InotifyCallback = int (*)(const InotifyCallBackParm& parm, void* data);
+
+// One inotify descriptor and everything known about the watches on it. A
+// root watch covers one path and, when recursive, every folder below it: an
+// event on any of those folders is reported with the root's descriptor and
+// the full path. New and vanished folders are followed after each read
+// batch. Watch counts are reported to the module's limits, and a tree that
+// would exceed them is refused before any kernel watch is added.
+//
+// Used on the module task's thread only; nothing here is locked.
+class FileInotify {
+public:
+    struct _WatchItem {
+        int rootWd = 0;
+        std::string path;       // as given to AddWatch
+        unsigned int mask = 0;  // the caller's mask, without IN_DONT_FOLLOW
+        bool watchChildFolder = false;
+        bool watchSymLink = false;
+        bool isFile = false;
+        std::list<int> subWdList;  // subfolder watches added under this root; may hold stale entries
+    };
+    struct _WatchSubItem {
+        int rootWd = 0;
+        std::string path;  // ends in "/"
+    };
+    // Tree changes of one root, queued by events and applied once per batch.
+    struct _RefreshWatchItem {
+        _WatchItem* watchItem = nullptr;  // null once the root was removed meanwhile
+        int rootWd = 0;
+        bool reCreateWatch = false;
+        bool removeSubWatch = false;
+        bool addSubWatch = false;
+        std::set<std::string> removeSubFolders;
+        std::set<std::string> addSubFolders;
+    };
+
+    // limit is not owned and must outlive the instance. Opens the descriptor.
+    explicit FileInotify(FileNotifyLimit* limit);
+    ~FileInotify();
+    FileInotify(const FileInotify&) = delete;
+    FileInotify& operator=(const FileInotify&) = delete;
+
+    int Initialize();
+    // Closes the descriptor (and drops its event registration); the maps stay.
+    void Finalize();
+    int GetFd() const { return _fd; }
+
+    // watchId >= 1: add path and its subfolders to that existing root
+    // (subfolder-only mode). Otherwise add a new root and write its
+    // descriptor to watchId. 0 or a failure code; no rollback on failure.
+    int AddWatch(const std::string& path, unsigned int mask, int& watchId, const _FileNotifyOpt& opt);
+    int AddWatch(const std::string& path, unsigned int mask, int& watchId, bool watchChildFolder, bool watchSymLink,
+                 bool isFile);
+    // Lists the subfolders to watch into list and tells whether the tree
+    // (list + the root) fits the permitted number of further watches.
+    bool GetSubFloderList(std::vector<std::string>& list, const std::string& path, bool watchSymLink,
+                          bool watchChildFolder, bool isFile);
+    int AddWatchImpl(const std::string& path, unsigned int mask, int& wd);
+    int AddSubFolderWatch(const std::string& path, unsigned int mask, _WatchItem* item);
+
+    // Removes a root watch with its subfolders; the root's kernel watch only
+    // when removeRootWatch (false when the kernel has dropped it already).
+    int RemoveWatch(int watchId, bool removeRootWatch);
+    int RemoveWatch(int watchId) { return RemoveWatch(watchId, true); }
+    // 0 also when the kernel has already dropped wd.
+    int RemoveWatchImpl(int wd);
+    int RemoveSubFolderWatch(int wd);
+    int DeleteSubFolderCache(int wd);
+    int ClearWatch();
+    bool PathInSubFolderMap(const std::string& path) const { return _subFolderMap.count(path) != 0; }
+    void UpdateWatchSize();
+    // IN_Q_OVERFLOW records seen: each one means events were lost.
+    unsigned long GetOverflowCount() const { return _overflowCount; }
+
+    // Registers the descriptor with the task's event waiter; callback becomes
+    // owned by the registration. 0, or the waiter's error code.
+    int AddEventWatch(Framework::Task* task, Framework::EventCallback<FileNotifyTask>* callback);
+    // Drains the descriptor into buffer (capacity size), hands every record
+    // to callback, then one TYPE_BATCH_END, then applies the tree changes.
+    int ReadEvents(char* buffer, int size, InotifyCallback callback, void* data);
+    // Walks the records in buffer[0, length). Always 0.
+    int DoWithEvents(const char* buffer, int length, InotifyCallback callback, void* data);
+    int DoWithOneEvent(const struct inotify_event* event, InotifyCallback callback, void* data);
+    // Maps an event to its root watch and full path. False for an unknown
+    // descriptor; true with item null for an event to drop.
+    bool GetNotifyCallbackPara(const struct inotify_event* event, int& wd, std::string& path, bool& selfEvent,
+                               _WatchItem** item);
+
+    int AddRefreshWatchTask(_WatchItem* item, const std::string& path, const struct inotify_event* event,
+                            bool selfEvent);
+    int RefreshWatch(InotifyCallback callback, void* data);
+    int RefreshAddSubWatch(_RefreshWatchItem* refreshItem);
+    int RefreshRemoveSubWatch(const _RefreshWatchItem* refreshItem);
+    int ClearRefreshWatch();
+
+private:
+    int _fd = -1;
+    std::unique_ptr<Framework::Event> _event;
+    std::map<int, std::unique_ptr<_WatchItem>> _watchItemMap;
+    std::map<int, _WatchSubItem> _watchSubItemMap;
+    std::map<int, std::unique_ptr<_RefreshWatchItem>> _refreshWatchMap;
+    std::map<std::string, int> _subFolderMap;
+    int _watchSize = 0;
+    FileNotifyLimit* _limit;
+    unsigned long _overflowCount = 0;
+};
+
+}  // namespace Engine

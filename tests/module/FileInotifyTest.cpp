@@ -1,0 +1,280 @@
+#include <fstream>
+#include <string>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+#include "FileInotify.h"
+#include "FileNotifyLimit.h"
+#include "FileNotifyLog.h"
+#include "InotifyTestUtil.h"
+#include "LogCapture.h"
+#include "TestUtil.h"
+
+using Engine::FileInotify;
+using Engine::InotifyCallBackParm;
+using Engine::LOG_DEBUG;
+using Engine::LOG_ERROR;
+using Engine::LOG_WARNING;
+using TestUtil::InotifyCollector;
+using TestUtil::MakeDir;
+using TestUtil::Touch;
+
+namespace {
+
+class FileInotifyTest : public ::testing::Test {
+protected:
+    int Add(const std::string& path, bool recursive, bool followLinks = false) {
+        int id = 0;
+        const int result =
+            inotify.AddWatch(path, IN_ALL_EVENTS, id, recursive, followLinks, !recursive && path.back() != '/');
+        return result == 0 ? id : -result;
+    }
+    int Read() {
+        got.records.clear();
+        return inotify.ReadEvents(buffer, sizeof buffer, &InotifyCollector::Callback, &got);
+    }
+    int Used() const { return limit.GetLimitWatches() - limit.GetPermitWatchSize(); }
+
+    TestUtil::LogCapture log{Engine::FileNotifyUtils::GetLoggerPtr()};  // first in, last out
+    TestUtil::TempDir dir;
+    Engine::FileNotifyLimit limit;
+    FileInotify inotify{&limit};
+    InotifyCollector got;
+    alignas(struct inotify_event) char buffer[5120];
+};
+
+TEST_F(FileInotifyTest, RecursiveWatchCoversTheTreeAndReportsItsSize) {
+    MakeDir(dir / "a");
+    MakeDir(dir / "a/b");
+    MakeDir(dir / "a/b/c");
+    Touch(dir / "a/file");
+    const int root = Add(dir.path(), true);
+    ASSERT_GT(root, 0) << log.Dump();
+    EXPECT_EQ(4, Used());  // the root and three folders; files need no watch
+    for (const char* sub : {"a/", "a/b/", "a/b/c/"})
+        EXPECT_TRUE(inotify.PathInSubFolderMap(dir / sub)) << sub;
+
+    // An event in the deepest folder comes with the root's watch and the full path.
+    Touch(dir / "a/b/c/new file");
+    ASSERT_EQ(0, Read());
+    const auto created = got.For(dir / "a/b/c/new file");
+    ASSERT_FALSE(created.empty()) << log.Dump();
+    EXPECT_EQ(root, created[0].rootWd);
+    EXPECT_EQ(inotify.GetFd(), created[0].fd);
+    EXPECT_EQ(IN_CREATE, created[0].mask);
+    EXPECT_EQ(1, got.Count(InotifyCallBackParm::TYPE_BATCH_END));
+
+    EXPECT_EQ(0, inotify.RemoveWatch(root));
+    EXPECT_EQ(0, Used());
+    EXPECT_FALSE(inotify.PathInSubFolderMap(dir / "a/"));
+}
+
+TEST_F(FileInotifyTest, SingleWatchesAddOneKernelWatch) {
+    MakeDir(dir / "a");
+    Touch(dir / "f");
+    EXPECT_GT(Add(dir.path(), false), 0);
+    EXPECT_GT(Add(dir / "f", false), 0);
+    EXPECT_EQ(2, Used());
+    EXPECT_FALSE(inotify.PathInSubFolderMap(dir / "a/"));
+    // Nothing was read yet: no batch-end record either.
+    EXPECT_EQ(0, inotify.ReadEvents(buffer, sizeof buffer, &InotifyCollector::Callback, &got));
+    EXPECT_TRUE(got.records.empty());
+}
+
+TEST_F(FileInotifyTest, TooLargeOrTooDeepTreesAreRefusedBeforeAnyWatch) {
+    // Six further watches allowed; the kernel files say the same when re-read.
+    TestUtil::TempDir kernel;
+    std::ofstream(kernel / "watches") << "20\n";
+    Engine::FileNotifyLimit::KernelFiles files;
+    files.maxUserWatches = kernel / "watches";
+    Engine::FileNotifyLimit small(files);
+    small.CalculateLimitParam(30, 0, 0, 20);
+    FileInotify limited(&small);
+    for (int i = 0; i < 6; ++i)
+        MakeDir(dir / ("d" + std::to_string(i)));
+    int id = 0;
+    EXPECT_EQ(1, limited.AddWatch(dir.path(), IN_CREATE, id, true, false, false));
+    EXPECT_TRUE(log.Has(LOG_ERROR, "new Watch size 7 is over than max size  6")) << log.Dump();
+    EXPECT_EQ(6, small.GetPermitWatchSize());
+
+    std::string deep = dir / "deep/";
+    MakeDir(deep);
+    for (int level = 0; level < 21; ++level) {
+        deep += "l/";
+        MakeDir(deep);
+    }
+    EXPECT_EQ(-1, Add(dir / "deep/", true));
+    EXPECT_TRUE(log.Has(LOG_ERROR, "failed to TraverseSubFolder  " + dir / "deep/"));
+    EXPECT_EQ(0, Used());
+}
+
+TEST_F(FileInotifyTest, SelfEventsOfSubfoldersAndRootsAreTold) {
+    MakeDir(dir / "r");
+    MakeDir(dir / "r/sub");
+    const int root = Add(dir / "r/", true);
+    ASSERT_GT(root, 0);
+
+    ASSERT_EQ(0, ::chmod((dir / "r/sub").c_str(), 0700));  // attributes of a subfolder itself: dropped
+    ASSERT_EQ(0, ::rmdir((dir / "r/sub").c_str()));
+    ASSERT_EQ(0, Read());
+    EXPECT_TRUE(got.For(dir / "r/sub/").empty());  // its own self event makes no record
+    std::vector<unsigned int> masks;               // the parent's records do
+    for (const auto& r : got.For(dir / "r/sub"))
+        masks.push_back(r.mask);
+    EXPECT_EQ((std::vector<unsigned int>{IN_ATTRIB | IN_ISDIR, IN_DELETE | IN_ISDIR}), masks) << log.Dump();
+    EXPECT_FALSE(inotify.PathInSubFolderMap(dir / "r/sub/"));
+    EXPECT_EQ(1, Used());
+
+    ASSERT_EQ(0, ::rmdir((dir / "r").c_str()));
+    ASSERT_EQ(0, Read());
+    const auto self = got.For(dir / "r/");
+    ASSERT_EQ(1u, self.size()) << log.Dump();
+    EXPECT_EQ(IN_DELETE_SELF | IN_ISDIR, self[0].mask);
+    ASSERT_EQ(InotifyCallBackParm::TYPE_ROOT_REMOVED, got.records.back().type);
+    EXPECT_EQ(root, got.records.back().removedWd);
+    EXPECT_EQ(InotifyCallBackParm::TYPE_BATCH_END, got.records[got.records.size() - 2].type);
+    EXPECT_EQ(0, Used());
+}
+
+TEST_F(FileInotifyTest, TreeFollowsFoldersCreatedMovedInAndMovedOut) {
+    TestUtil::TempDir outside;
+    MakeDir(outside / "in");
+    MakeDir(outside / "in/deeper");
+    MakeDir(dir / "gone");
+    MakeDir(dir / "gone/below");
+    const int root = Add(dir.path(), true);
+    ASSERT_GT(root, 0);
+
+    // One burst (as mkdir -p): the walk of a/ at the end of the batch finds b/ and c/.
+    MakeDir(dir / "a");
+    MakeDir(dir / "a/b");
+    MakeDir(dir / "a/b/c");
+    TestUtil::Rename(outside / "in", dir / "in");
+    TestUtil::Rename(dir / "gone", outside / "gone");
+    ASSERT_EQ(0, Read());
+    for (const char* sub : {"a/", "a/b/", "a/b/c/", "in/", "in/deeper/"})
+        EXPECT_TRUE(inotify.PathInSubFolderMap(dir / sub)) << sub << "\n" << log.Dump();
+    EXPECT_FALSE(inotify.PathInSubFolderMap(dir / "gone/"));
+    EXPECT_FALSE(inotify.PathInSubFolderMap(dir / "gone/below/"));
+    EXPECT_EQ(6, Used());
+
+    Touch(dir / "a/b/c/x");
+    Touch(dir / "in/deeper/y");
+    Touch(outside / "gone/below/z");
+    ASSERT_EQ(0, Read());
+    EXPECT_FALSE(got.For(dir / "a/b/c/x").empty());
+    EXPECT_FALSE(got.For(dir / "in/deeper/y").empty());
+    for (const auto& r : got.records)
+        EXPECT_EQ(std::string::npos, r.path.find("below")) << r.path;
+}
+
+TEST_F(FileInotifyTest, OddNamesArriveByteForByte) {
+    ASSERT_GT(Add(dir.path(), false), 0);
+    const std::vector<std::string> names = {"with space", "new\nline", std::string("latin\xe9\xff", 7)};
+    for (const auto& name : names)
+        Touch(dir / name);
+    ASSERT_EQ(0, Read());
+    for (const auto& name : names)
+        EXPECT_FALSE(got.For(dir / name).empty()) << name;
+}
+
+TEST_F(FileInotifyTest, LinkLoopsAreListedNotEntered) {
+    MakeDir(dir / "a");
+    ASSERT_EQ(0, ::symlink(dir.path().c_str(), (dir / "a/loop").c_str()));
+    const int root = Add(dir.path(), true, true);
+    ASSERT_GT(root, 0) << log.Dump();
+    // The link leads back to the root, an inode already watched: nothing new,
+    // and the root's events keep their own paths.
+    EXPECT_EQ(2, Used());
+    EXPECT_FALSE(inotify.PathInSubFolderMap(dir / "a/loop/"));
+    Touch(dir / "x");
+    ASSERT_EQ(0, Read());
+    ASSERT_FALSE(got.For(dir / "x").empty()) << log.Dump();
+    EXPECT_EQ(root, got.For(dir / "x")[0].rootWd);
+}
+
+TEST_F(FileInotifyTest, RemovingWatchesTheKernelDroppedIsNoError) {
+    MakeDir(dir / "a");
+    const int root = Add(dir.path(), true);
+    ASSERT_EQ(0, ::rmdir((dir / "a").c_str()));
+    // Removal before the batch is read: the subfolder's kernel watch is gone.
+    EXPECT_EQ(0, inotify.RemoveWatch(root));
+    EXPECT_EQ(1, log.Count(LOG_WARNING)) << log.Dump();
+    EXPECT_EQ(0, Used());
+    // Its queued events now name watches nobody knows: logged and dropped.
+    ASSERT_EQ(0, Read());
+    EXPECT_EQ(0, got.Count(InotifyCallBackParm::TYPE_EVENT));
+    EXPECT_TRUE(log.Has(LOG_ERROR, "No find the WatchRootItem for rootWd=" + std::to_string(root))) << log.Dump();
+}
+
+TEST_F(FileInotifyTest, KeepRootWatchRemovesOnlyTheBookkeeping) {
+    const int root = Add(dir.path(), false);
+    EXPECT_EQ(0, inotify.RemoveWatch(root, false));
+    EXPECT_EQ(0, Used());
+    Touch(dir / "x");  // the kernel still reports on the root
+    ASSERT_EQ(0, Read());
+    EXPECT_EQ(0, got.Count(InotifyCallBackParm::TYPE_EVENT));
+    EXPECT_EQ(1, got.Count(InotifyCallBackParm::TYPE_BATCH_END));
+}
+
+TEST_F(FileInotifyTest, QueueOverflowDropsTheRestAndLaterEventsFlow) {
+    const int queued = TestUtil::ReadIntFile("/proc/sys/fs/inotify/max_queued_events");
+    if (queued <= 0 || queued > 100000) GTEST_SKIP() << "fs.inotify.max_queued_events=" << queued << " is too large";
+    ASSERT_GT(Add(dir.path(), false), 0);
+    // Each file queues create, open and close-write.
+    for (int i = 0; i <= queued / 3; ++i)
+        Touch(dir / std::to_string(i));
+    ASSERT_EQ(0, Read());
+    EXPECT_EQ(1ul, inotify.GetOverflowCount());
+    EXPECT_TRUE(log.Has(LOG_ERROR, "IN_Q_OVERFLOW inotify queue overflow"));
+    Touch(dir / "after");
+    ASSERT_EQ(0, Read());
+    EXPECT_FALSE(got.For(dir / "after").empty());
+}
+
+// Raw buffers: what the decoder does with records the kernel would not write.
+TEST_F(FileInotifyTest, DecoderCopesWithDamagedBuffers) {
+    const int root = Add(dir.path(), false);
+    const int unknown = root + 1000;
+    struct Case {
+        const char* name;
+        TestUtil::RawInotifyBuffer buffer;
+        std::vector<std::string> delivered;
+        const char* errorText;
+    };
+    std::vector<Case> cases;
+    cases.push_back({"ignored unknown watch", TestUtil::RawInotifyBuffer().Add(unknown, IN_IGNORED), {}, nullptr});
+    cases.push_back(
+        {"overflow in the middle",
+         TestUtil::RawInotifyBuffer().Add(root, IN_CREATE, "one").Add(-1, IN_Q_OVERFLOW).Add(root, IN_CREATE, "three"),
+         {"one"},
+         "IN_Q_OVERFLOW inotify queue overflow"});
+    cases.push_back({"cut record",
+                     TestUtil::RawInotifyBuffer().Add(root, IN_CREATE, "one").Add(root, IN_CREATE, "two").Cut(4),
+                     {"one"},
+                     "bad inotify record at offset 32 of 60 bytes"});
+    cases.push_back({"odd length misaligns the next",
+                     TestUtil::RawInotifyBuffer().Add(root, IN_CREATE, "odd", 5).Add(root, IN_CREATE, "two"),
+                     {"odd"},
+                     "bad inotify record at offset 21 of 53 bytes"});
+    cases.push_back(
+        {"unknown watch", TestUtil::RawInotifyBuffer().Add(unknown, IN_CREATE, "x"), {}, "call DoWithEvent failed"});
+    for (auto& c : cases) {
+        got.records.clear();
+        TestUtil::LogCapture caseLog(Engine::FileNotifyUtils::GetLoggerPtr());
+        EXPECT_EQ(0, inotify.DoWithEvents(c.buffer.data(), c.buffer.size(), &InotifyCollector::Callback, &got));
+        std::vector<std::string> delivered;
+        for (const auto& r : got.records)
+            delivered.push_back(r.path.substr(dir.path().size()));
+        EXPECT_EQ(c.delivered, delivered) << c.name;
+        if (c.errorText != nullptr) {
+            EXPECT_TRUE(caseLog.Has(LOG_ERROR, c.errorText)) << c.name << "\n" << caseLog.Dump();
+        } else {
+            EXPECT_EQ(0, caseLog.Count(LOG_ERROR)) << c.name << "\n" << caseLog.Dump();
+            EXPECT_TRUE(caseLog.Has(LOG_DEBUG, "IN_IGNORED remove watch wd " + std::to_string(unknown)));
+        }
+    }
+}
+
+}  // namespace

@@ -1,0 +1,213 @@
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <string>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+#include <Poco/AutoPtr.h>
+
+#include "FileNotifyLog.h"
+#include "FileNotifyTask.h"
+#include "InotifyTestUtil.h"
+#include "LogCapture.h"
+#include "RecordingConsumer.h"
+#include "TestUtil.h"
+#include "framework/TaskRunner.h"
+
+using Engine::LOG_DEBUG;
+using Engine::LOG_ERROR;
+using TestUtil::MakeDir;
+using TestUtil::RecordingConsumer;
+using TestUtil::Rename;
+using TestUtil::Touch;
+
+namespace {
+
+// The module task's inotify side driven on the test thread: the task is
+// initialised but not started, so its event waiter is pumped here, while
+// two consumer tasks run on their own threads.
+class InotifyWatchTest : public ::testing::Test {
+protected:
+    void SetUp() override {
+        ASSERT_EQ(0, task->Init());
+        for (auto* runner : {&runnerA, &runnerB})
+            ASSERT_EQ(0, runner->Start());
+        ASSERT_EQ(0, task->AddFileNotifyMsgConsumer(a->GetTaskId(), a.get()));
+        ASSERT_EQ(0, task->AddFileNotifyMsgConsumer(b->GetTaskId(), b.get()));
+    }
+    void TearDown() override { task->UnInit(); }
+
+    static Engine::_FileNotifyOpt Options(unsigned int mask, bool recursive) {
+        Engine::_FileNotifyOpt opt;
+        opt.watchChildFolder = recursive;
+        opt.eventMasks = {mask};
+        opt.combinedMask = mask;
+        opt.inotifyOnly = true;
+        opt.simulateCreate = false;
+        return opt;
+    }
+    // The watch id, or the negated failure code.
+    int Add(RecordingConsumer& who, const std::string& path, unsigned int mask, const Engine::_FileNotifyOpt& opt) {
+        int id = 0;
+        const int result = task->AddInotifyWatch(who.GetTaskId(), path, mask, opt, id);
+        return result == 0 ? id : -result;
+    }
+    int Add(RecordingConsumer& who, const std::string& path, unsigned int mask, bool recursive = false) {
+        return Add(who, path, mask, Options(mask, recursive));
+    }
+    // Runs the callbacks of every readable descriptor until none is left.
+    void Pump() {
+        while (task->GetEventWaiter().WaitAndHandleEvent(0, 128) > 0) {
+        }
+    }
+    int UsedWatches() {
+        const auto& limit = task->GetInotifyWatch().GetLimit();
+        return limit.GetLimitWatches() - limit.GetPermitWatchSize();
+    }
+
+    TestUtil::LogCapture log{Engine::FileNotifyUtils::GetLoggerPtr()};
+    TestUtil::TempDir dir;
+    Poco::AutoPtr<Engine::FileNotifyTask> task{new Engine::FileNotifyTask()};
+    Poco::AutoPtr<RecordingConsumer> a{new RecordingConsumer("consumer_a")};
+    Poco::AutoPtr<RecordingConsumer> b{new RecordingConsumer("consumer_b")};
+    Framework::TaskRunner runnerA{a.get()};
+    Framework::TaskRunner runnerB{b.get()};
+};
+
+TEST_F(InotifyWatchTest, RenamesMergeWithinABatchAndHalvesGoAlone) {
+    TestUtil::TempDir outside;
+    const std::string d = dir.path();
+    const unsigned int mask = IN_CREATE | IN_MOVED_FROM | IN_MOVED_TO;
+    const int wd = Add(*a, d, mask);
+    ASSERT_GT(wd, 0) << log.Dump();
+    Touch(d + "old");
+    Touch(outside / "in");
+
+    Rename(d + "old", d + "new");
+    Pump();
+    ASSERT_TRUE(a->WaitFor(2));  // the create, then the merged rename
+    const auto merged = a->Events().back();
+    EXPECT_EQ(d + "old", merged.path);
+    EXPECT_EQ(d + "new", merged.movetoFile);
+    EXPECT_EQ(IN_MOVED_FROM | IN_MOVED_TO, merged.mask);
+    EXPECT_EQ(wd, merged.watchId);
+    EXPECT_EQ(d, merged.watchFile);
+
+    // A move out waits for the end of the batch; a move in goes at once.
+    a->Clear();
+    Rename(d + "new", outside / "new");
+    Touch(d + "later");
+    Rename(outside / "in", d + "in");
+    Pump();
+    ASSERT_TRUE(a->WaitFor(3));
+    EXPECT_EQ((std::vector<std::string>{d + "later 0x100", d + "in 0x80", d + "new 0x40"}), a->Summary());
+}
+
+TEST_F(InotifyWatchTest, ConsumersShareOneKernelWatchWithTheirOwnFilters) {
+    const std::string d = dir.path();
+    ASSERT_GT(Add(*a, d, IN_MODIFY), 0);
+    Engine::_FileNotifyOpt ignoring = Options(IN_CREATE, false);
+    ignoring.ignoreFileExt = {".log"};
+    ASSERT_GT(Add(*b, d, IN_CREATE, ignoring), 0);
+    EXPECT_EQ(1, UsedWatches());
+    EXPECT_TRUE(log.Has(LOG_DEBUG, "there are same filepath=" + d + " had been watched,merge mask"));
+
+    Touch(d + "x.log");
+    const int fd = ::open((d + "x.txt").c_str(), O_CREAT | O_WRONLY | O_CLOEXEC, 0644);
+    ASSERT_GE(fd, 0);
+    ASSERT_EQ(1, ::write(fd, "x", 1));
+    ::close(fd);
+    Pump();
+    ASSERT_TRUE(a->WaitFor(1));
+    ASSERT_TRUE(b->WaitFor(1));
+    EXPECT_EQ((std::vector<std::string>{d + "x.txt 0x2"}), a->Summary());
+    EXPECT_EQ((std::vector<std::string>{d + "x.txt 0x100"}), b->Summary());
+}
+
+TEST_F(InotifyWatchTest, RefusedRequests) {
+    const std::string d = dir.path();
+    MakeDir(d + "sub");
+    ASSERT_GT(Add(*a, d, IN_CREATE, true), 0);
+    const int used = UsedWatches();
+
+    EXPECT_EQ(-1, Add(*a, d, IN_CREATE, true));
+    EXPECT_TRUE(log.Has(LOG_ERROR, "there are same filepath=" + d + " had been watched"));
+    EXPECT_EQ(-1, Add(*b, d + "sub/", IN_CREATE));  // covered by a's recursive watch
+    EXPECT_TRUE(log.Has(LOG_DEBUG, "there are same sub filepath=" + d + "sub/ had been watched"));
+    EXPECT_EQ(-1, Add(*b, d + "missing/", IN_CREATE));
+    EXPECT_EQ(used, UsedWatches());
+
+    EXPECT_EQ(1, task->RemoveInotifyWatch(b->GetTaskId(), d));
+    EXPECT_TRUE(log.Has(LOG_ERROR, "No found watch,taskId=" + std::to_string(b->GetTaskId()) + ",filepath=" + d));
+    alignas(struct inotify_event) char buffer[256];
+    EXPECT_EQ(1, task->GetInotifyWatch().ReadEvents(-5, buffer, sizeof buffer));
+    EXPECT_TRUE(log.Has(LOG_ERROR, "fileInotify == NULL"));
+
+    EXPECT_EQ(0, task->RemoveInotifyWatch(a->GetTaskId(), d));
+    EXPECT_EQ(0, UsedWatches());
+    Touch(d + "sub/x");
+    Pump();
+    EXPECT_EQ(0u, a->Count());
+}
+
+TEST_F(InotifyWatchTest, VanishedRootTurnsPendingAndComesBack) {
+    const std::string root = dir / "r/";
+    MakeDir(root);
+    MakeDir(root + "sub");
+    // Part of the request went to fanotify: that part waits as well.
+    Engine::_FileNotifyOpt opt = Options(IN_CREATE | IN_DELETE_SELF, true);
+    opt.inotifyOnly = false;
+    opt.simulateCreate = true;
+    opt.combinedMask = IN_CREATE | IN_DELETE_SELF | IN_OPEN | IN_ISDIR;
+    ASSERT_GT(Add(*a, root, IN_CREATE | IN_DELETE_SELF, opt), 0);
+    ASSERT_TRUE(a->WaitFor(1));  // the simulated creation of the watched folder
+    EXPECT_EQ(IN_CREATE | IN_ISDIR, a->Events()[0].mask);
+    a->Clear();
+
+    ASSERT_EQ(0, ::rmdir((root + "sub").c_str()));
+    ASSERT_EQ(0, ::rmdir(root.c_str()));
+    Pump();
+    ASSERT_TRUE(a->WaitFor(1));
+    EXPECT_EQ((std::vector<std::string>{dir / "r 0x40000400"}), a->Summary());
+    const auto& pending = task->GetPendingWatchList();
+    ASSERT_EQ(2u, pending.size());
+    EXPECT_EQ(0, pending.front()->notifyType);
+    EXPECT_EQ(IN_CREATE | IN_DELETE_SELF, pending.front()->mask);
+    EXPECT_EQ(1, pending.back()->notifyType);
+    EXPECT_EQ(IN_OPEN | IN_ISDIR, pending.back()->mask);
+    EXPECT_EQ(0, UsedWatches());
+    EXPECT_TRUE(task->GetInotifyWatch().GetWatchData().Empty());
+
+    a->Clear();
+    MakeDir(root);
+    task->TimerSchduler();
+    EXPECT_EQ(1, UsedWatches());
+    Touch(root + "x");
+    Pump();
+    ASSERT_TRUE(a->WaitFor(2));
+    EXPECT_EQ((std::vector<std::string>{dir / "r 0x40000100", root + "x 0x100"}), a->Summary());
+}
+
+TEST_F(InotifyWatchTest, FileReplacedByRenameIsWatchedAgainAtOnce) {
+    const std::string file = dir / "conf";
+    Touch(file);
+    ASSERT_GT(Add(*a, file, IN_MODIFY | IN_DELETE_SELF), 0);
+    Touch(dir / "conf.new");
+    Rename(dir / "conf.new", file);
+    Pump();
+    ASSERT_TRUE(a->WaitFor(1));
+    EXPECT_EQ((std::vector<std::string>{file + " 0x400"}), a->Summary());
+    EXPECT_TRUE(task->GetPendingWatchList().empty());
+
+    const int fd = ::open(file.c_str(), O_WRONLY | O_CLOEXEC);
+    ASSERT_GE(fd, 0);
+    ASSERT_EQ(1, ::write(fd, "x", 1));
+    ::close(fd);
+    Pump();
+    ASSERT_TRUE(a->WaitFor(2));
+    EXPECT_EQ(file + " 0x2", a->Summary().back());
+}
+
+}  // namespace

@@ -1,0 +1,100 @@
+#pragma once
+
+#include <fcntl.h>
+#include <sys/inotify.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cstdint>
+#include <cstring>
+#include <string>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+#include "FileInotify.h"
+
+namespace TestUtil {
+
+// File-system actions that must succeed for a test to mean anything.
+inline void MakeDir(const std::string& path) {
+    ASSERT_EQ(0, ::mkdir(path.c_str(), 0755)) << path;
+}
+inline void Touch(const std::string& path) {
+    const int fd = ::open(path.c_str(), O_CREAT | O_WRONLY | O_CLOEXEC, 0644);
+    ASSERT_GE(fd, 0) << path;
+    ::close(fd);
+}
+inline void Rename(const std::string& from, const std::string& to) {
+    ASSERT_EQ(0, ::rename(from.c_str(), to.c_str())) << from << " -> " << to;
+}
+
+// What an inotify instance handed to its receiver, copied out of the buffer.
+struct InotifyRecord {
+    int type;
+    int fd;
+    int rootWd;
+    std::string path;
+    unsigned int mask;
+    int removedWd;
+    std::uint32_t cookie;
+};
+
+struct InotifyCollector {
+    std::vector<InotifyRecord> records;
+
+    static int Callback(const Engine::InotifyCallBackParm& p, void* data) {
+        auto* self = static_cast<InotifyCollector*>(data);
+        self->records.push_back(
+            {p.type, p.fd, p.rootWd, p.filePath, p.mask, p.removedWd, p.event != nullptr ? p.event->cookie : 0U});
+        return 0;
+    }
+    // The type 0 records with this path.
+    std::vector<InotifyRecord> For(const std::string& path) const {
+        std::vector<InotifyRecord> out;
+        for (const auto& r : records)
+            if (r.type == Engine::InotifyCallBackParm::TYPE_EVENT && r.path == path) out.push_back(r);
+        return out;
+    }
+    int Count(int type) const {
+        int n = 0;
+        for (const auto& r : records)
+            n += r.type == type ? 1 : 0;
+        return n;
+    }
+};
+
+// Hand-built raw records, laid out as the kernel lays them out.
+class RawInotifyBuffer {
+public:
+    RawInotifyBuffer& Add(int wd, std::uint32_t mask, const std::string& name = "", std::uint32_t len = UINT32_MAX) {
+        if (len == UINT32_MAX) len = name.empty() ? 0 : static_cast<std::uint32_t>((name.size() + 16) / 16 * 16);
+        inotify_event header{};
+        header.wd = wd;
+        header.mask = mask;
+        header.len = len;
+        const std::size_t at = _bytes.size();
+        _bytes.resize(at + sizeof header + len, '\0');
+        std::memcpy(&_bytes[at], &header, sizeof header);
+        std::memcpy(&_bytes[at + sizeof header], name.data(), std::min<std::size_t>(name.size(), len));
+        return *this;
+    }
+    // Drops the last n bytes, as if the buffer had been cut.
+    RawInotifyBuffer& Cut(std::size_t n) {
+        _bytes.resize(_bytes.size() - n);
+        return *this;
+    }
+    // An aligned copy, as the module's read buffer is.
+    const char* data() {
+        _aligned.assign((_bytes.size() + sizeof(inotify_event) - 1) / sizeof(inotify_event) + 1, inotify_event{});
+        std::memcpy(_aligned.data(), _bytes.data(), _bytes.size());
+        return reinterpret_cast<const char*>(_aligned.data());
+    }
+    int size() const { return static_cast<int>(_bytes.size()); }
+
+private:
+    std::vector<char> _bytes;
+    std::vector<inotify_event> _aligned;
+};
+
+}  // namespace TestUtil

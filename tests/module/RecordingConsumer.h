@@ -1,0 +1,73 @@
+#pragma once
+
+#include <mutex>
+#include <string>
+#include <vector>
+
+#include "FileNotifyMessage.h"
+#include "MixedTask.h"
+#include "TestUtil.h"
+
+namespace TestUtil {
+
+// A consumer task that serves its own queue and keeps a copy of every file
+// event it receives. Create with new, hold in a Poco::AutoPtr, run it with a
+// Framework::TaskRunner.
+class RecordingConsumer : public Engine::MixedTask {
+public:
+    struct Event {
+        int notifyType;
+        std::string path;
+        std::string movetoFile;
+        unsigned int mask;
+        std::string watchFile;
+        int watchId;
+    };
+
+    explicit RecordingConsumer(const std::string& name = "recording_consumer")
+        : Engine::MixedTask(name, "test", Framework::TaskCondition::TASK_TYPE_EVENT, 4096) {}
+
+    int Run() override { return ServeMessages(3000); }
+    int FileNotifyMessageAction(Engine::FileNotifyMessage* msg) override {
+        std::lock_guard<std::mutex> lock(_mutex);
+        _events.push_back({msg->GetNotifyType(), msg->GetEventFilePath(), msg->GetMovetoFile(), msg->GetEventMask(),
+                           msg->GetWatchFile(), msg->GetWatchId()});
+        return 0;
+    }
+
+    std::vector<Event> Events() {
+        std::lock_guard<std::mutex> lock(_mutex);
+        return _events;
+    }
+    std::size_t Count() {
+        std::lock_guard<std::mutex> lock(_mutex);
+        return _events.size();
+    }
+    void Clear() {
+        std::lock_guard<std::mutex> lock(_mutex);
+        _events.clear();
+    }
+    // Waits until n events have arrived; false after the time-out.
+    bool WaitFor(std::size_t n) {
+        return WaitUntil([&] { return Count() >= n; });
+    }
+    // "path mask" of every event, for readable comparisons.
+    std::vector<std::string> Summary() {
+        std::vector<std::string> out;
+        for (const auto& e : Events()) {
+            char mask[16];
+            std::snprintf(mask, sizeof mask, "%#x", e.mask);
+            out.push_back(e.path + (e.movetoFile.empty() ? "" : " -> " + e.movetoFile) + " " + mask);
+        }
+        return out;
+    }
+
+protected:
+    ~RecordingConsumer() override = default;
+
+private:
+    std::mutex _mutex;
+    std::vector<Event> _events;
+};
+
+}  // namespace TestUtil
