@@ -131,7 +131,8 @@ int FileInotify::AddWatch(const std::string& path, unsigned int mask, int& watch
     // The kernel gives an inode already watched on this descriptor its old
     // descriptor again: such a root is reused as it is.
     auto& item = _watchItemMap[rootWd];
-    if (!item) item.reset(new _WatchItem{rootWd, path, mask, watchChildFolder, watchSymLink, isFile, {}});
+    if (!item)
+        item = std::make_unique<_WatchItem>(_WatchItem{rootWd, path, mask, watchChildFolder, watchSymLink, isFile, {}});
     for (const std::string& folder : list) {
         FN_LOG(LOG_DEBUG, "add watch subfolder %s", folder);
         const int result = AddSubFolderWatch(folder, kernelMask, item.get());
@@ -284,7 +285,7 @@ int FileInotify::AddEventWatch(Framework::Task* task, Framework::EventCallback<F
         delete callback;  // the registration made first keeps its own
         return 0;
     }
-    _event.reset(new Framework::Event(callback, nullptr, _fd));
+    _event = std::make_unique<Framework::Event>(callback, nullptr, _fd);
     const int result = task->GetEventWaiter().AddEvent(_event.get());
     if (result != 0) FN_LOG(LOG_ERROR, "call AddEvent failed errorCode=%d", result);
     return result;
@@ -420,7 +421,7 @@ int FileInotify::AddRefreshWatchTask(_WatchItem* item, const std::string& path, 
     if (!selfEvent && !rootGone && !folderCame) return 0;
     auto& refresh = _refreshWatchMap[item->rootWd];
     if (!refresh) {
-        refresh.reset(new _RefreshWatchItem());
+        refresh = std::make_unique<_RefreshWatchItem>();
         refresh->watchItem = item;
         refresh->rootWd = item->rootWd;
     }

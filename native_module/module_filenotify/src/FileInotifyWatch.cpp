@@ -213,9 +213,9 @@ int FileInotifyWatch::MergeMoveEvent(_EventItem* eventItem, const struct inotify
                                      static_cast<unsigned int>(eventItem->wd) + event->cookie);
     if ((event->mask & IN_MOVED_FROM) != 0) {
         // A second moved-from under a taken key is dropped (and freed).
-        eventItemMap.emplace(
-            key, std::unique_ptr<_EventItem>(new _EventItem{eventItem->fd, eventItem->wd, eventItem->eventFile,
-                                                            std::string(), eventItem->mask, false}));
+        eventItemMap.emplace(key,
+                             std::make_unique<_EventItem>(_EventItem{eventItem->fd, eventItem->wd, eventItem->eventFile,
+                                                                     std::string(), eventItem->mask, false}));
         isCached = true;
         return 0;
     }
