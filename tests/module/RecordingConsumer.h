@@ -1,5 +1,7 @@
 #pragma once
 
+#include <atomic>
+#include <functional>
 #include <mutex>
 #include <string>
 #include <vector>
@@ -22,18 +24,28 @@ public:
         unsigned int mask;
         std::string watchFile;
         int watchId;
+        unsigned int pid;
+        std::string exe;
+        bool statValid;
     };
 
-    explicit RecordingConsumer(const std::string& name = "recording_consumer")
-        : Engine::MixedTask(name, "test", Framework::TaskCondition::TASK_TYPE_EVENT, 4096) {}
+    explicit RecordingConsumer(const std::string& name = "recording_consumer", int capacity = 4096)
+        : Engine::MixedTask(name, "test", Framework::TaskCondition::TASK_TYPE_EVENT, capacity) {}
 
     int Run() override { return ServeMessages(3000); }
     int FileNotifyMessageAction(Engine::FileNotifyMessage* msg) override {
+        if (onEvent) onEvent(*msg);
         std::lock_guard<std::mutex> lock(_mutex);
         _events.push_back({msg->GetNotifyType(), msg->GetEventFilePath(), msg->GetMovetoFile(), msg->GetEventMask(),
-                           msg->GetWatchFile(), msg->GetWatchId()});
-        return 0;
+                           msg->GetWatchFile(), msg->GetWatchId(), msg->GetEventProcessId(), msg->GetEventProcess(),
+                           msg->IsStatValid()});
+        return verdict;
     }
+
+    // The answer to permission events (2 denies), and what the consumer does
+    // before answering. Set them before the consumer starts.
+    std::atomic<int> verdict{0};
+    std::function<void(const Engine::FileNotifyMessage&)> onEvent;
 
     std::vector<Event> Events() {
         std::lock_guard<std::mutex> lock(_mutex);

@@ -1,18 +1,324 @@
 #include "FileFanotifyWatch.h"
 
+#include <unistd.h>
+
+#include <cerrno>
+
+#include "CpuYield.h"
 #include "FileNotifyLog.h"
+#include "FileNotifyMessage.h"
+#include "FileNotifyTask.h"
+#include "FileNotifyUtils.h"
+#include "sdk/ProcessUtils.h"
 
 namespace Engine {
 
-int FileFanotifyWatch::AddEventsWatch(Framework::Task* notifyTask, EventHandler /*handler*/) {
+namespace {
+
+// FAN_OPEN_EXEC_PERM too: the module never asks for it, but an event that
+// carries it would hold its process until answered.
+constexpr unsigned int kPermissionBits = FAN_OPEN_PERM | FAN_ACCESS_PERM | FAN_OPEN_EXEC_PERM;
+
+bool StartsWith(const std::string& text, const std::string& prefix) {
+    return prefix.size() <= text.size() && text.compare(0, prefix.size(), prefix) == 0;
+}
+
+std::string ExePathOf(unsigned int pid) {
+    std::string exePath;
+    bool deleted = false;
+    if (pid != 0) SDK::ProcessUtils::GetProcessExePath(pid, exePath, deleted);
+    return exePath;
+}
+
+}  // namespace
+
+FileFanotifyWatch::FileFanotifyWatch()
+    : notifyFileFanotify(std::make_unique<FileFanotify>()), permitFileFanotify(std::make_unique<FileFanotify>()) {
+    if (permitFileFanotify->Initialize(true) != 0) {
+        FN_LOG(LOG_ERROR, "call permitFileFanotify->Initialize failed,block=%b", true);
+    }
+    fanotifyMap.emplace(permitFileFanotify->GetFd(), permitFileFanotify.get());
+    if (notifyFileFanotify->Initialize(false) != 0) {
+        FN_LOG(LOG_ERROR, "call notifyFileFanotify->Initialize failed,block=%b", false);
+    }
+    fanotifyMap.emplace(notifyFileFanotify->GetFd(), notifyFileFanotify.get());
+    if (!IsAvailable()) LogUnavailable();
+}
+
+FileFanotifyWatch::~FileFanotifyWatch() {
+    ClearPermitWatch();
+    permitFileFanotify.reset();
+    notifyFileFanotify.reset();
+}
+
+void FileFanotifyWatch::LogUnavailable() const {
+    const int error = permitFileFanotify->GetInitError();
+    if (error == EPERM) {
+        FN_LOG(LOG_WARNING,
+               "fanotify is off: the agent lacks CAP_SYS_ADMIN (error=%d); process events and permission watches are "
+               "unavailable, inotify watches work as usual",
+               error);
+    } else {
+        FN_LOG(LOG_WARNING,
+               "fanotify is off: the kernel refused fanotify_init (error=%d); process events and permission watches "
+               "are unavailable, inotify watches work as usual",
+               error);
+    }
+}
+
+int FileFanotifyWatch::AddEventsWatch(Framework::Task* notifyTask, EventHandler handler) {
     task = notifyTask;
+    notifyFileFanotify->AddEventWatch(notifyTask, handler);
+    permitFileFanotify->AddEventWatch(notifyTask, handler);
+    // The permission group wakes the task through its reader's descriptor.
+    if (permitFileFanotify->GetEventFd() != permitFileFanotify->GetFd()) {
+        fanotifyMap[permitFileFanotify->GetEventFd()] = permitFileFanotify.get();
+    }
     return 0;
 }
 
-int FileFanotifyWatch::ReadEvents(int fd, char* /*buffer*/, int /*size*/) {
+void FileFanotifyWatch::CloseInstances() {
+    fanotifyMap.clear();
+    if (permitFileFanotify->GetFd() >= 0) permitFileFanotify->Finalize();
+    if (notifyFileFanotify->GetFd() >= 0) notifyFileFanotify->Finalize();
+}
+
+FileFanotify* FileFanotifyWatch::GetFileFanotify(int fd) {
+    auto found = fanotifyMap.find(fd);
+    return found == fanotifyMap.end() ? nullptr : found->second;
+}
+
+Notify_WatchItem* FileFanotifyWatch::GetNotifyWatch(int taskId, const std::string& filePath) {
+    return notifyWatchData.GetModuleFileWatch(taskId, filePath);
+}
+
+int FileFanotifyWatch::AddNotifyWatch(int taskId, const std::string& filePath, unsigned int mask,
+                                      const _FileNotifyOpt& opt, int& wd) {
+    _VerifyWatchResult verify;
+    notifyWatchData.CheckSameFileWatch(taskId, filePath, verify);
+    if (verify.verifyType == VERIFY_SAME_TASK) {
+        FN_LOG(LOG_ERROR, "there are same filepath=%s had been watched", filePath);
+        return 1;
+    }
+    unsigned int markMask = mask;
+    int newWd = 0;
+    if (verify.verifyType == VERIFY_SAME_FILE) {
+        FN_LOG(LOG_DEBUG, "there are same filepath=%s had been watched,merge mask", filePath);
+        markMask |= verify.mask;
+        newWd = verify.wd != 0 ? verify.wd : GetNextWd();
+    } else {
+        notifyWatchData.CheckRelativeFileWatch(filePath, verify);
+        if (verify.verifyType == VERIFY_RELATIVE) {
+            FN_LOG(LOG_ERROR, "there are relativeFile filepath=%s had been watched", filePath);
+            return 1;
+        }
+        newWd = GetNextWd();
+    }
+    int result = notifyFileFanotify->AddWatch(filePath.c_str(), markMask, opt);
+    if (result != 0) {
+        FN_LOG(LOG_ERROR, "call notifyFileFanotify->AddWatch failed,filepath=%s", filePath);
+        return result;
+    }
+    result = notifyWatchData.AddWatch(
+        new Notify_WatchItem{taskId, markMask, notifyFileFanotify->GetFd(), newWd, filePath, opt});
+    if (result != 0) {
+        FN_LOG(LOG_ERROR, "call notifyWatchData->AddWatch failed,filepath=%s", filePath);
+        return result;
+    }
+    wd = newWd;
+    return 0;
+}
+
+int FileFanotifyWatch::RemoveNotifyWatch(Notify_WatchItem* watchItem) {
+    if (watchItem == nullptr) {
+        FN_LOG(LOG_ERROR, "watchItem  is NULL");
+        return 1;
+    }
+    // Copied: the registry deletes the record.
+    const Notify_WatchItem record = *watchItem;
+    if (notifyFileFanotify->RemoveWatch(record.filePath.c_str(), record.mask, record.opt) != 0) {
+        FN_LOG(LOG_ERROR, "call notifyFileFanotify.RemoveWatch failed filepath=%s", record.filePath);
+    }
+    const int result = notifyWatchData.RemoveWatch(record.taskId, record.fd, record.wd);
+    if (result != 0) FN_LOG(LOG_ERROR, "call notifyWatchData.RemoveWatch failed filepath=%s", record.filePath);
+    return result;
+}
+
+int FileFanotifyWatch::AddPermitWatch(int taskId, const std::string& filePath, unsigned int mask,
+                                      const _FileNotifyOpt& opt, int& wd) {
+    const int newWd = GetNextWd();
+    const int result = permitFileFanotify->AddWatch(filePath.c_str(), mask, opt);
+    if (result != 0) {
+        FN_LOG(LOG_ERROR, "call notifyFileFanotify->AddPermitWatch failed,filepath=%s", filePath);
+        return result;
+    }
+    auto& record = permitWatchMap[filePath];
+    if (record) return 0;
+    record = std::make_unique<Notify_WatchItem>();
+    record->taskId = taskId;
+    record->mask = mask;
+    record->wd = newWd;
+    record->filePath = filePath;
+    record->opt.watchChildFolder = opt.watchChildFolder;
+    record->opt.wholeMount = opt.wholeMount;
+    wd = newWd;
+    return 0;
+}
+
+int FileFanotifyWatch::RemovePermitWatch(int /*taskId*/, const std::string& filePath) {
+    auto found = permitWatchMap.find(filePath);
+    if (found == permitWatchMap.end()) {
+        FN_LOG(LOG_ERROR, "No found watch Item for file %s", filePath);
+        return 1;
+    }
+    if (!found->second) return 0;
+    const int result = permitFileFanotify->RemoveWatch(filePath.c_str(), found->second->mask, found->second->opt);
+    if (result != 0) {
+        FN_LOG(LOG_ERROR, "call RemoveWatch failed");
+        return result;
+    }
+    permitWatchMap.erase(found);
+    return 0;
+}
+
+Notify_WatchItem* FileFanotifyWatch::GetPermitWatchItem(const std::string& eventFile) {
+    if (eventFile.empty()) return nullptr;
+    for (const auto& [path, record] : permitWatchMap) {
+        FN_CPU_YIELD();
+        // A prefix either way, separators not considered: an opened folder
+        // above a watched path is covered too.
+        const bool covered =
+            eventFile.size() >= path.size() ? StartsWith(eventFile, path) : StartsWith(path, eventFile);
+        if (covered) return record.get();
+    }
+    return nullptr;
+}
+
+void FileFanotifyWatch::ClearPermitWatch() {
+    permitWatchMap.clear();
+}
+
+int FileFanotifyWatch::ReadEvents(int fd, char* buffer, int size) {
+    FileFanotify* instance = GetFileFanotify(fd);
     FN_LOG(LOG_DEBUG, "Fanotify Get fd=%d", fd);
-    FN_LOG(LOG_ERROR, "Get fanotify instance failed, fd=%d", fd);
-    return 1;
+    if (instance == nullptr) {
+        FN_LOG(LOG_ERROR, "Get fanotify instance failed, fd=%d", fd);
+        return 1;
+    }
+    const int result = instance->ReadEvents(buffer, size, &FileFanotifyWatch::DoEventCallback, this);
+    if (result != 0) FN_LOG(LOG_ERROR, "call ReadEvents failed");
+    return result;
+}
+
+int FileFanotifyWatch::DoEventCallback(int fanotifyFd, bool block, struct fanotify_event_metadata* metadata,
+                                       void* userData) {
+    auto* self = static_cast<FileFanotifyWatch*>(userData);
+    return block ? self->DoPermitEvent(fanotifyFd, metadata) : self->DoNotifyEvent(fanotifyFd, metadata);
+}
+
+int FileFanotifyWatch::DoNotifyEvent(int fd, struct fanotify_event_metadata* metadata) {
+    std::string eventFile;
+    const int found = FileNotifyUtils::GetFilePathByFd(metadata->fd, eventFile);
+    if (found != 0) {
+        FN_LOG(LOG_ERROR, "call GetFilePathByFd(%d) failed", metadata->fd);
+        return found;
+    }
+    FN_LOG(LOG_DEBUG, "DoNotifyEvent fd=%d, eventfile=%s", fd, eventFile);
+    std::set<int> wdSet;
+    notifyWatchData.GetEventWdSet(fd, eventFile, wdSet);
+    FileNotifyWatchData::WatchItemList records;
+    for (int wd : wdSet)
+        notifyWatchData.GetWatchItemList(fd, wd, records);
+    const auto mask = static_cast<unsigned int>(metadata->mask);
+    for (Notify_WatchItem* record : records) {
+        FN_LOG(LOG_DEBUG, "DoNotifyEvent taskId=%d, mask=%u, filePath=%s", record->taskId, record->mask,
+               record->filePath);
+        if (FileNotifyUtils::IsIgnoreWatchObject(eventFile, record->opt)) {
+            FN_LOG(LOG_DEBUG, "DoNotifyEvent IsIgnoreWatchObject");
+            continue;
+        }
+        if (FileNotifyUtils::IsIgnoreWatchEvent(static_cast<int>(mask), record->opt.eventMasks)) {
+            FN_LOG(LOG_DEBUG, "DoNotifyEvent IsIgnoreWatchEvent");
+            continue;
+        }
+        const int result =
+            SendEventMsg(record, eventFile, mask, static_cast<unsigned int>(metadata->pid), metadata->fd);
+        if (result != 0) {
+            FN_LOG(LOG_ERROR, "call SendEventMsg failed eventFile=%s", eventFile);
+            return result;
+        }
+        FN_CPU_YIELD();
+    }
+    return 0;
+}
+
+int FileFanotifyWatch::SendEventMsg(Notify_WatchItem* watchItem, const std::string& eventFile, unsigned int mask,
+                                    unsigned int pid, int eventFd) {
+    if (task == nullptr) return 0;
+    auto* message = new FileNotifyMessage(1, eventFile, mask);
+    message->SetProcess(pid, ExePathOf(pid));
+    message->SetWatchFile(watchItem->wd, watchItem->filePath);
+    message->SetExtParm(watchItem->opt.extParm);
+    if (watchItem->opt.fillStat) message->Stat(eventFd);
+    task->SendMsg(static_cast<unsigned long>(watchItem->taskId), "f", message);
+    return 0;
+}
+
+int FileFanotifyWatch::DoPermitEvent(int /*fd*/, struct fanotify_event_metadata* metadata) {
+    const int eventFd = metadata->fd;
+    const auto mask = static_cast<unsigned int>(metadata->mask);
+    const auto pid = static_cast<unsigned int>(metadata->pid);
+    const bool isPermission = (mask & kPermissionBits) != 0;
+    // The agent's own accesses are never put to a consumer: the consumer may
+    // be the very thread that waits, or the module thread itself.
+    if (isPermission && metadata->pid == ::getpid()) {
+        FN_LOG(LOG_DEBUG, kOwnAccessAllowedText, metadata->pid);
+        return permitFileFanotify->DoResponse(eventFd, true);
+    }
+    std::string eventFile;
+    if (FileNotifyUtils::GetFilePathByFd(eventFd, eventFile) != 0) FN_LOG(LOG_ERROR, "call GetFilePathByFd failed");
+    Notify_WatchItem* record = GetPermitWatchItem(eventFile);
+    bool isAllow = true;
+    if (record == nullptr) {
+        FN_LOG(LOG_ERROR, "GetPermitWatchItem NULL for file %s", eventFile);
+    } else if (!isPermission) {
+        const int result = SendEventMsg(record, eventFile, mask, pid, eventFd);
+        if (result != 0) {
+            FN_LOG(LOG_ERROR, "call SendEventMsg failed eventFile=%s", eventFile);
+            return result;
+        }
+        FN_CPU_YIELD();
+        return 0;
+    } else if (SendSyncEventMsg(record, record->wd, eventFile, mask, pid, isAllow) != 0) {
+        FN_LOG(LOG_ERROR, "call SendSyncEventMsg failed");
+    }
+    // Answered on every path: the accessing process waits until then.
+    if (isPermission) {
+        const int result = permitFileFanotify->DoResponse(eventFd, isAllow);
+        if (result != 0) {
+            FN_LOG(LOG_ERROR, "call DoResponse failed");
+            return result;
+        }
+    }
+    FN_CPU_YIELD();
+    return 0;
+}
+
+int FileFanotifyWatch::SendSyncEventMsg(Notify_WatchItem* watchItem, int /*wd*/, const std::string& eventFile,
+                                        unsigned int mask, unsigned int pid, bool& isAllow) {
+    isAllow = true;
+    if (task == nullptr) return 0;
+    auto* message = new FileNotifyMessage(2, eventFile, mask);
+    message->SetProcess(pid, ExePathOf(pid));
+    message->SetWatchFile(watchItem->wd, watchItem->filePath);
+    message->SetExtParm(watchItem->opt.extParm);
+    std::string response;
+    // Fails open: a time-out, an unknown or full consumer, any answer but 2.
+    const int result =
+        task->SyncSendMsg(static_cast<unsigned long>(watchItem->taskId), "f", message, response, kPermitTimeoutMs, 2);
+    FN_LOG(LOG_DEBUG, "SyncSendMsg eventFile %s, reponseResult=%d", eventFile, result);
+    isAllow = result != 2;
+    return 0;
 }
 
 }  // namespace Engine

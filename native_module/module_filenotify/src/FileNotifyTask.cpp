@@ -31,6 +31,9 @@ int FileNotifyTask::Init() {
 }
 
 void FileNotifyTask::UnInit() {
+    // Nobody answers permission events once the loop has ended: close the
+    // groups now so that no process waits for this object's destruction.
+    fileFanotifyWatch.CloseInstances();
     Framework::Task::UnInit();
 }
 

@@ -68,6 +68,7 @@ public:
     const std::list<std::unique_ptr<_PendingWatchItem>>& GetPendingWatchList() const { return pendingWatchList; }
     // The engines, for callers that already run on the task's thread.
     FileInotifyWatch& GetInotifyWatch() { return fileInotifyWatch; }
+    FileFanotifyWatch& GetFanotifyWatch() { return fileFanotifyWatch; }
 
 protected:
     ~FileNotifyTask() override;

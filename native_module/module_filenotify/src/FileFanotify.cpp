@@ -1,0 +1,219 @@
+#include "FileFanotify.h"
+
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstring>
+#include <vector>
+
+#include "CpuYield.h"
+#include "FileFanotifyPermitReader.h"
+#include "FileNotifyLog.h"
+#include "FileNotifyTask.h"
+#include "framework/Event.h"
+
+namespace Engine {
+
+namespace {
+
+constexpr unsigned long long kPermissionBits = FAN_OPEN_PERM | FAN_ACCESS_PERM | FAN_OPEN_EXEC_PERM;
+
+// The record at data, copied out: records need not be aligned for the
+// 64-bit mask, and the callback gets a copy that it may not keep anyway.
+bool RecordAt(const char* data, long remaining, fanotify_event_metadata& record) {
+    if (remaining < static_cast<long>(sizeof record)) return false;
+    std::memcpy(&record, data, sizeof record);
+    return record.event_len >= sizeof record && record.event_len <= static_cast<unsigned long>(remaining);
+}
+
+}  // namespace
+
+FileFanotify::FileFanotify() = default;
+
+FileFanotify::~FileFanotify() {
+    if (_fd >= 0) Finalize();
+    _fd = -1;
+    event.reset();
+}
+
+int FileFanotify::GetEventFd() const {
+    return _reader ? _reader->GetReadyFd() : _fd;
+}
+
+int FileFanotify::Initialize(bool isBlock) {
+    block = isBlock;
+    if (_fd != -1) {
+        FN_LOG(LOG_ERROR, "repeat call initialize");
+        return 1;
+    }
+    // Permission events need the content class; both groups are read until
+    // EAGAIN. Event descriptors are read-only and never inherited.
+    const unsigned int flags = FAN_CLOEXEC | FAN_NONBLOCK | (block ? FAN_CLASS_CONTENT : FAN_CLASS_NOTIF);
+    _fd = ::fanotify_init(flags, O_RDONLY | O_CLOEXEC | O_LARGEFILE);
+    if (_fd < 0) {
+        _initError = errno;
+        FN_LOG(LOG_ERROR, "call fanotify_init failed,error=%d", _initError);
+        return 1;
+    }
+    _initError = 0;
+    return 0;
+}
+
+void FileFanotify::Finalize() noexcept {
+    if (_fd < 0) {
+        FN_LOG(LOG_ERROR, "No Initialize for fanotify_init");
+        return;
+    }
+    // The waiter forgets the descriptor and the reader ends before the group
+    // goes; closing the group allows every access still waiting.
+    event.reset();
+    _reader.reset();
+    if (::close(_fd) == 0) {
+        _fd = -1;
+    } else {
+        FN_LOG(LOG_ERROR, "failed to close _fd %d", _fd);
+    }
+}
+
+unsigned int FileFanotify::AddMarkFlags(const _FileNotifyOpt& opt) {
+    unsigned int flags = FAN_MARK_ADD;
+    if (!opt.watchSymLink) flags |= FAN_MARK_DONT_FOLLOW;
+    if (opt.onlyDir) flags |= FAN_MARK_ONLYDIR;
+    if (opt.wholeMount) flags |= FAN_MARK_MOUNT;
+    return flags;
+}
+
+unsigned int FileFanotify::RemoveMarkFlags(const _FileNotifyOpt& opt) {
+    return FAN_MARK_REMOVE | (opt.wholeMount ? FAN_MARK_MOUNT : 0U);
+}
+
+int FileFanotify::Mark(const char* path, unsigned int flags, unsigned int mask, const _FileNotifyOpt& opt) {
+    if (path == nullptr) {
+        FN_LOG(LOG_ERROR, "filepath is null");
+        return 1;
+    }
+    if (_fd < 0) {
+        FN_LOG(LOG_ERROR, "No Initialize for fanotify_init");
+        return 1;
+    }
+    if (opt.watchChildFolder) mask |= FAN_EVENT_ON_CHILD;
+    if (::fanotify_mark(_fd, flags, mask, AT_FDCWD, path) < 0) {
+        // ENOENT: the path is gone; EXDEV/ENODEV/EOPNOTSUPP: a file system
+        // that cannot be marked this way.
+        const int error = errno;
+        FN_LOG(LOG_ERROR, "call fanotify_mark failed,errno=%d", error);
+        return 1;
+    }
+    return 0;
+}
+
+int FileFanotify::AddWatch(const char* path, unsigned int mask, const _FileNotifyOpt& opt) {
+    FN_LOG(LOG_DEBUG, "FileFanotify AddWatch=%s", std::string(path != nullptr ? path : ""));
+    return Mark(path, AddMarkFlags(opt), mask, opt);
+}
+
+int FileFanotify::RemoveWatch(const char* path, unsigned int mask, const _FileNotifyOpt& opt) {
+    FN_LOG(LOG_DEBUG, "FileFanotify RemoveWatch=%s", std::string(path != nullptr ? path : ""));
+    return Mark(path, RemoveMarkFlags(opt), mask, opt);
+}
+
+int FileFanotify::AddEventWatch(Framework::Task* task, EventHandler handler) {
+    if (event) return 0;
+    if (_fd < 0) return 1;  // the refused Initialize has said why
+    if (block && !_reader) {
+        auto reader = std::make_unique<FileFanotifyPermitReader>(_fd);
+        const int result = reader->Start();
+        if (result == 0) {
+            _reader = std::move(reader);
+        } else {
+            FN_LOG(LOG_ERROR, "permission reader not started,error=%d; the task reads the group itself", result);
+        }
+    }
+    auto* callback = new Framework::EventCallback<FileNotifyTask>(static_cast<FileNotifyTask*>(task), handler);
+    event = std::make_unique<Framework::Event>(callback, nullptr, GetEventFd());
+    const int result = task->GetEventWaiter().AddEvent(event.get());
+    if (result != 0) FN_LOG(LOG_ERROR, "call AddEvent failed errorCode=%d", result);
+    return result;
+}
+
+long FileFanotify::ReadBatch(char* buffer, int size) {
+    if (_reader) {
+        std::vector<int> ownPids;
+        const long taken = _reader->Take(buffer, size, ownPids);
+        for (int pid : ownPids)
+            FN_LOG(LOG_DEBUG, kOwnAccessAllowedText, pid);
+        return taken;
+    }
+    ssize_t length;
+    do {
+        length = ::read(_fd, buffer, static_cast<std::size_t>(size));
+    } while (length < 0 && errno == EINTR);
+    return static_cast<long>(length);
+}
+
+int FileFanotify::ReadEvents(char* buffer, int size, FanotifyCallback callback, void* userData) {
+    for (;;) {
+        const long length = ReadBatch(buffer, size);
+        if (length <= 0) return 0;  // EAGAIN: drained
+        FN_CPU_YIELD();
+        if (DoWithEvents(buffer, length, callback, userData) != 0) FN_LOG(LOG_ERROR, "call DoWithEvents failed");
+    }
+}
+
+int FileFanotify::DoWithEvents(char* buffer, long length, FanotifyCallback callback, void* userData) {
+    fanotify_event_metadata record{};
+    const char* at = buffer;
+    long remaining = length;
+    while (RecordAt(at, remaining, record)) {
+        if ((record.mask & FAN_Q_OVERFLOW) != 0) {
+            ++_overflowCount;
+            FN_LOG(LOG_ERROR, "fanotify queue overflow");
+            ReleaseRest(at + record.event_len, remaining - static_cast<long>(record.event_len));
+            return 0;
+        }
+        if (record.vers <= 1) {
+            // The layout is unknown: not even the descriptors can be trusted.
+            FN_LOG(LOG_ERROR, "Kernel fanotify version too old");
+            return 0;
+        }
+        if (record.fd >= 0) {
+            callback(_fd, block, &record, userData);
+            ::close(record.fd);
+        }
+        at += record.event_len;
+        remaining -= static_cast<long>(record.event_len);
+        FN_CPU_YIELD();
+    }
+    return 0;
+}
+
+// Records dropped after an overflow still hold descriptors, and permission
+// events among them hold processes: allow and close each one.
+void FileFanotify::ReleaseRest(const char* data, long length) const {
+    fanotify_event_metadata record{};
+    for (; RecordAt(data, length, record); data += record.event_len, length -= static_cast<long>(record.event_len)) {
+        if (record.fd < 0) continue;
+        if (block && (record.mask & kPermissionBits) != 0) {
+            const fanotify_response answer{record.fd, FAN_ALLOW};
+            (void)!::write(_fd, &answer, sizeof answer);
+        }
+        ::close(record.fd);
+    }
+}
+
+int FileFanotify::DoResponse(int eventFd, bool isAllow) {
+    if (_fd < 0) {
+        FN_LOG(LOG_ERROR, "Invalid FD %d", _fd);
+        return 1;
+    }
+    const fanotify_response answer{eventFd, isAllow ? static_cast<__u32>(FAN_ALLOW) : static_cast<__u32>(FAN_DENY)};
+    if (::write(_fd, &answer, sizeof answer) < 0) {
+        const int error = errno;
+        FN_LOG(LOG_ERROR, "call write response_struct fd=%d,isAllow=%b failed,errno=%d", _fd, isAllow, error);
+        return 1;
+    }
+    return 0;
+}
+
+}  // namespace Engine

@@ -1,0 +1,90 @@
+#pragma once
+
+#include <sys/fanotify.h>
+
+#include <memory>
+
+#include "FileNotifyOpt.h"
+
+namespace Framework {
+class Event;
+class Task;
+}  // namespace Framework
+
+namespace Engine {
+
+class FileNotifyTask;
+class FileFanotifyPermitReader;
+
+// Receives one event record; fanotifyFd and block tell which group it came
+// from. The record's descriptor is closed after the call: use it, never keep
+// or close it. The result is ignored.
+using FanotifyCallback = int (*)(int fanotifyFd, bool block, struct fanotify_event_metadata* metadata, void* userData);
+
+// One fanotify group: a notification group, or a permission ("block") group
+// of the content class. Places and removes marks, reads and walks the event
+// queue, closes each event's descriptor after its callback, and answers
+// permission events. Used on the module task's thread; a permission group
+// also has a reader thread of its own (FileFanotifyPermitReader).
+class FileFanotify {
+public:
+    using EventHandler = int (FileNotifyTask::*)(int fd, unsigned int events, void* arg);
+
+    FileFanotify();
+    ~FileFanotify();
+    FileFanotify(const FileFanotify&) = delete;
+    FileFanotify& operator=(const FileFanotify&) = delete;
+
+    int GetFd() const { return _fd; }
+    bool IsBlock() const { return block; }
+    // The descriptor registered with the task's event waiter: the group's
+    // own, or for a permission group its reader's ready descriptor.
+    int GetEventFd() const;
+
+    // Opens the group; 0, or 1 (logged) when it is open already or the
+    // kernel refuses (EPERM without CAP_SYS_ADMIN).
+    int Initialize(bool block);
+    // Stops the reader and closes the group: the kernel allows every access
+    // still waiting for an answer.
+    void Finalize() noexcept;
+
+    // The mark flags that AddWatch and RemoveWatch use for these options.
+    static unsigned int AddMarkFlags(const _FileNotifyOpt& opt);
+    static unsigned int RemoveMarkFlags(const _FileNotifyOpt& opt);
+    // One fanotify_mark; FAN_EVENT_ON_CHILD joins mask for recursive options.
+    int Mark(const char* path, unsigned int flags, unsigned int mask, const _FileNotifyOpt& opt);
+    int AddWatch(const char* path, unsigned int mask, const _FileNotifyOpt& opt);
+    int RemoveWatch(const char* path, unsigned int mask, const _FileNotifyOpt& opt);
+
+    // Registers the group with the task's event waiter, once; a permission
+    // group starts its reader first. 0, or the framework's error code.
+    int AddEventWatch(Framework::Task* task, EventHandler handler);
+    // Drains the queue into buffer and walks every batch. Always 0.
+    int ReadEvents(char* buffer, int size, FanotifyCallback callback, void* userData);
+    // Walks length bytes of records. Always 0.
+    int DoWithEvents(char* buffer, long length, FanotifyCallback callback, void* userData);
+    // Answers one permission event. 0, or 1 (logged).
+    int DoResponse(int eventFd, bool isAllow);
+
+    // The errno of the last refused Initialize, 0 when it succeeded.
+    int GetInitError() const { return _initError; }
+    // FAN_Q_OVERFLOW records seen: each one means events were lost.
+    unsigned long GetOverflowCount() const { return _overflowCount; }
+
+private:
+    long ReadBatch(char* buffer, int size);
+    void ReleaseRest(const char* data, long length) const;
+
+    bool block = false;
+    int _fd = -1;
+    std::unique_ptr<Framework::Event> event;
+    std::unique_ptr<FileFanotifyPermitReader> _reader;
+    int _initError = 0;
+    unsigned long _overflowCount = 0;
+};
+
+// The debug record of a permission event of the agent's own process, which
+// is allowed at once.
+constexpr const char* kOwnAccessAllowedText = "allow own access at once, pid=%d";
+
+}  // namespace Engine

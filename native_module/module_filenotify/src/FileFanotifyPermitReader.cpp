@@ -1,0 +1,130 @@
+#include "FileFanotifyPermitReader.h"
+
+#include <poll.h>
+#include <sys/eventfd.h>
+#include <sys/fanotify.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdint>
+#include <cstring>
+#include <system_error>
+
+namespace Engine {
+
+namespace {
+
+constexpr std::uint64_t kPermissionBits = FAN_OPEN_PERM | FAN_ACCESS_PERM | FAN_OPEN_EXEC_PERM;
+constexpr std::size_t kReadBufferSize = 8192;
+
+// The record header at data, or false when no whole record starts there.
+bool HeaderAt(const char* data, std::size_t remaining, fanotify_event_metadata& header) {
+    if (remaining < sizeof header) return false;
+    std::memcpy(&header, data, sizeof header);
+    return header.event_len >= sizeof header && header.event_len <= remaining;
+}
+
+void WriteAll(int fd, const void* data, std::size_t size) {
+    ssize_t written;
+    do {
+        written = ::write(fd, data, size);
+    } while (written < 0 && errno == EINTR);
+}
+
+}  // namespace
+
+FileFanotifyPermitReader::FileFanotifyPermitReader(int fanotifyFd) : _fanotifyFd(fanotifyFd) {}
+
+FileFanotifyPermitReader::~FileFanotifyPermitReader() {
+    Stop();
+}
+
+int FileFanotifyPermitReader::Start() {
+    Framework::UniqueFd ready(::eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC));
+    Framework::UniqueFd stop(::eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC));
+    if (!ready.valid() || !stop.valid()) return errno;
+    _ready = std::move(ready);
+    _stop = std::move(stop);
+    try {
+        _thread = std::thread(&FileFanotifyPermitReader::Run, this);
+    } catch (const std::system_error& error) {
+        return error.code().value();
+    }
+    return 0;
+}
+
+void FileFanotifyPermitReader::Stop() {
+    if (_thread.joinable()) {
+        const std::uint64_t one = 1;
+        WriteAll(_stop.get(), &one, sizeof one);
+        _thread.join();
+    }
+    std::lock_guard<std::mutex> lock(_mutex);
+    fanotify_event_metadata header{};
+    for (std::size_t at = 0; HeaderAt(_records.data() + at, _records.size() - at, header); at += header.event_len) {
+        if (header.fd >= 0) ::close(header.fd);
+    }
+    _records.clear();
+}
+
+void FileFanotifyPermitReader::Run() {
+    std::vector<char> buffer(kReadBufferSize);
+    pollfd fds[2] = {{_fanotifyFd, POLLIN, 0}, {_stop.get(), POLLIN, 0}};
+    for (;;) {
+        if (::poll(fds, 2, -1) < 0 && errno != EINTR) return;
+        if ((fds[1].revents & POLLIN) != 0) return;
+        // POLLERR or POLLNVAL: the group is gone; Stop follows.
+        if ((fds[0].revents & (POLLERR | POLLNVAL)) != 0) return;
+        for (;;) {
+            const ssize_t length = ::read(_fanotifyFd, buffer.data(), buffer.size());
+            if (length < 0 && errno == EINTR) continue;
+            if (length <= 0) break;
+            Sort(buffer.data(), static_cast<std::size_t>(length));
+        }
+    }
+}
+
+void FileFanotifyPermitReader::Sort(const char* data, std::size_t length) {
+    std::vector<char> forward;
+    std::vector<int> own;
+    fanotify_event_metadata header{};
+    const int self = static_cast<int>(::getpid());
+    for (std::size_t at = 0; HeaderAt(data + at, length - at, header); at += header.event_len) {
+        if ((header.mask & kPermissionBits) != 0 && header.pid == self && header.fd >= 0) {
+            const fanotify_response answer{header.fd, FAN_ALLOW};
+            WriteAll(_fanotifyFd, &answer, sizeof answer);
+            ::close(header.fd);
+            own.push_back(header.pid);
+        } else {
+            forward.insert(forward.end(), data + at, data + at + header.event_len);
+        }
+    }
+    if (forward.empty() && own.empty()) return;
+    std::lock_guard<std::mutex> lock(_mutex);
+    _records.insert(_records.end(), forward.begin(), forward.end());
+    _ownPids.insert(_ownPids.end(), own.begin(), own.end());
+    const std::uint64_t one = 1;
+    WriteAll(_ready.get(), &one, sizeof one);
+}
+
+long FileFanotifyPermitReader::Take(char* buffer, long size, std::vector<int>& ownPids) {
+    std::lock_guard<std::mutex> lock(_mutex);
+    ownPids.insert(ownPids.end(), _ownPids.begin(), _ownPids.end());
+    _ownPids.clear();
+    std::size_t taken = 0;
+    fanotify_event_metadata header{};
+    while (HeaderAt(_records.data() + taken, _records.size() - taken, header) &&
+           taken + header.event_len <= static_cast<std::size_t>(size)) {
+        taken += header.event_len;
+    }
+    if (taken > 0) std::memcpy(buffer, _records.data(), taken);
+    _records.erase(_records.begin(), _records.begin() + static_cast<std::ptrdiff_t>(taken));
+    if (_records.empty()) {
+        std::uint64_t count = 0;
+        // Cleared under the lock that Sort signals under: no wake-up is lost.
+        (void)!::read(_ready.get(), &count, sizeof count);
+    }
+    return static_cast<long>(taken);
+}
+
+}  // namespace Engine

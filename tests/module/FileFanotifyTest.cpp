@@ -1,0 +1,389 @@
+#include <fcntl.h>
+#include <linux/capability.h>
+#include <sys/fanotify.h>
+#include <sys/syscall.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <cstring>
+#include <fstream>
+#include <future>
+#include <string>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+#include <Poco/AutoPtr.h>
+
+#include "ChildProcess.h"
+#include "FileFanotify.h"
+#include "FileNotifyLog.h"
+#include "FileNotifyMessage.h"
+#include "FileNotifyTask.h"
+#include "InotifyTestUtil.h"
+#include "LogCapture.h"
+#include "RecordingConsumer.h"
+#include "TestUtil.h"
+#include "framework/TaskRunner.h"
+#include "sdk/LoggerUtils.h"
+
+using Engine::FileFanotify;
+using Engine::LOG_DEBUG;
+using Engine::LOG_ERROR;
+using std::chrono::milliseconds;
+using TestUtil::OpeningChild;
+using TestUtil::RecordingConsumer;
+
+namespace {
+
+// Why this process cannot open a permission group, or empty when it can.
+std::string FanotifyMissing() {
+    const int fd = ::fanotify_init(FAN_CLASS_CONTENT | FAN_CLOEXEC, O_RDONLY);
+    if (fd < 0) return std::string("fanotify_init refused (") + std::strerror(errno) + "): needs CAP_SYS_ADMIN";
+    ::close(fd);
+    return std::string();
+}
+
+#define REQUIRE_FANOTIFY()                             \
+    do {                                               \
+        const std::string missing = FanotifyMissing(); \
+        if (!missing.empty()) GTEST_SKIP() << missing; \
+    } while (0)
+
+Engine::_FileNotifyOpt Options(unsigned int mask, bool children) {
+    Engine::_FileNotifyOpt opt;
+    opt.watchChildFolder = children;
+    opt.eventMasks = {mask};
+    opt.combinedMask = mask;
+    return opt;
+}
+
+bool IsClosed(int fd) {
+    return ::fcntl(fd, F_GETFD) < 0 && errno == EBADF;
+}
+
+TEST(FileFanotify, MarkFlagsFollowTheOptions) {
+    struct {
+        bool symLink, onlyDir, mount;
+        unsigned int add, remove;
+    } cases[] = {{false, false, false, 0x05, 0x02}, {true, true, true, 0x19, 0x12}, {false, true, false, 0x0d, 0x02}};
+    for (const auto& c : cases) {
+        Engine::_FileNotifyOpt opt;
+        opt.watchSymLink = c.symLink;
+        opt.onlyDir = c.onlyDir;
+        opt.wholeMount = c.mount;
+        EXPECT_EQ(c.add, FileFanotify::AddMarkFlags(opt));
+        EXPECT_EQ(c.remove, FileFanotify::RemoveMarkFlags(opt));
+    }
+}
+
+TEST(FileFanotify, MisuseIsLoggedNotFatal) {
+    REQUIRE_FANOTIFY();
+    TestUtil::LogCapture log(Engine::FileNotifyUtils::GetLoggerPtr());
+    FileFanotify unopened;
+    EXPECT_EQ(1, unopened.DoResponse(5, true));
+    EXPECT_TRUE(log.Has(LOG_ERROR, "Invalid FD -1"));
+    EXPECT_EQ(1, unopened.AddWatch("/tmp", FAN_OPEN, {}));
+    EXPECT_TRUE(log.Has(LOG_ERROR, "No Initialize for fanotify_init"));
+
+    FileFanotify group;
+    ASSERT_EQ(0, group.Initialize(true));
+    EXPECT_EQ(1, group.Initialize(false));
+    EXPECT_TRUE(log.Has(LOG_ERROR, "repeat call initialize"));
+    EXPECT_FALSE(group.IsBlock());  // the flag is taken even by a refused call
+    EXPECT_EQ(1, group.AddWatch("/nonexistent/fn", FAN_OPEN, {}));
+    EXPECT_TRUE(log.Has(LOG_ERROR, "call fanotify_mark failed,errno=" + std::to_string(ENOENT)));
+}
+
+// Hand-built records carry real descriptors, so that closing can be seen.
+class RawFanotifyBuffer {
+public:
+    RawFanotifyBuffer& Add(std::uint64_t mask, unsigned int len = sizeof(fanotify_event_metadata), int vers = 3,
+                           bool withFd = true) {
+        fanotify_event_metadata record{};
+        record.event_len = len;
+        record.vers = static_cast<unsigned char>(vers);
+        record.metadata_len = sizeof record;
+        record.mask = mask;
+        record.fd = withFd ? ::open("/dev/null", O_RDONLY | O_CLOEXEC) : FAN_NOFD;
+        record.pid = 1;
+        if (record.fd >= 0) fds.push_back(record.fd);
+        const std::size_t at = bytes.size();
+        bytes.resize(at + std::max<std::size_t>(len, sizeof record));
+        std::memcpy(&bytes[at], &record, sizeof record);
+        return *this;
+    }
+    ~RawFanotifyBuffer() {
+        for (int fd : fds)
+            if (!IsClosed(fd)) ::close(fd);
+    }
+    std::vector<char> bytes;
+    std::vector<int> fds;
+};
+
+int CountCalls(int, bool, fanotify_event_metadata* record, void* data) {
+    static_cast<std::vector<int>*>(data)->push_back(record->fd);
+    return 0;
+}
+
+TEST(FileFanotify, RecordWalkChecksEveryLengthAndClosesDescriptors) {
+    FileFanotify group;  // never opened: the walk itself needs no group
+    struct Case {
+        const char* name;
+        RawFanotifyBuffer buffer;
+        long cut;            // bytes dropped from the end
+        std::size_t called;  // records handed to the callback
+        std::size_t closed;  // descriptors closed by the walk
+        const char* errorText;
+    };
+    std::vector<Case> cases(6);
+    cases[0] = {"short header", {}, 1, 0, 0, nullptr};
+    cases[0].buffer.Add(FAN_OPEN);
+    cases[1] = {"event_len below the header", {}, 0, 0, 0, nullptr};
+    cases[1].buffer.Add(FAN_OPEN, 16);
+    cases[2] = {"event_len past the end", {}, 8, 1, 1, nullptr};
+    cases[2].buffer.Add(FAN_OPEN).Add(FAN_OPEN, 32);
+    cases[3] = {"old version stops", {}, 0, 1, 1, "Kernel fanotify version too old"};
+    cases[3].buffer.Add(FAN_OPEN, 24, 2).Add(FAN_OPEN, 24, 1).Add(FAN_OPEN);
+    cases[4] = {"overflow stops, the rest is released", {}, 0, 1, 2, "fanotify queue overflow"};
+    cases[4].buffer.Add(FAN_OPEN).Add(FAN_Q_OVERFLOW, 24, 3, false).Add(FAN_OPEN);
+    cases[5] = {"no descriptor is skipped", {}, 0, 1, 1, nullptr};
+    cases[5].buffer.Add(FAN_OPEN, 24, 3, false).Add(FAN_CLOSE_WRITE);
+    for (auto& c : cases) {
+        TestUtil::LogCapture log(Engine::FileNotifyUtils::GetLoggerPtr());
+        std::vector<int> calls;
+        auto& bytes = c.buffer.bytes;
+        group.DoWithEvents(bytes.data(), static_cast<long>(bytes.size()) - c.cut, &CountCalls, &calls);
+        EXPECT_EQ(c.called, calls.size()) << c.name;
+        std::size_t closed = 0;
+        for (int fd : c.buffer.fds)
+            closed += IsClosed(fd) ? 1 : 0;
+        EXPECT_EQ(c.closed, closed) << c.name;
+        if (c.errorText != nullptr) {
+            EXPECT_TRUE(log.Has(LOG_ERROR, c.errorText)) << c.name << "\n" << log.Dump();
+        }
+    }
+}
+
+// The module task with consumers, driven as the agent would drive it.
+class FanotifyTaskTest : public ::testing::Test {
+protected:
+    void SetUp() override {
+        const std::string missing = FanotifyMissing();
+        if (!missing.empty()) GTEST_SKIP() << missing;
+    }
+    void Register(RecordingConsumer& consumer) {
+        ASSERT_EQ(0, task->AddFileNotifyMsgConsumer(consumer.GetTaskId(), &consumer));
+    }
+    // A permission watch on the files of folder, answered by taskId.
+    void Guard(int taskId, const std::string& folder, unsigned int mask = FAN_OPEN_PERM) {
+        int wd = 0;
+        ASSERT_EQ(0, task->GetFanotifyWatch().AddPermitWatch(taskId, folder, mask, Options(mask, true), wd));
+    }
+    // Opens path from a child and returns the open's errno (0: allowed).
+    static int OpenFromChild(const std::string& path) {
+        OpeningChild child(path);
+        EXPECT_TRUE(child.Wait(milliseconds(5000))) << "child still waits on " << path;
+        return child.result();
+    }
+
+    TestUtil::TempDir dir;
+    Poco::AutoPtr<Engine::FileNotifyTask> task{new Engine::FileNotifyTask()};
+    Poco::AutoPtr<RecordingConsumer> judge{new RecordingConsumer("judge")};
+    Framework::TaskRunner judgeRunner{judge.get()};
+    Framework::TaskRunner taskRunner{task.get()};  // declared last: stops first
+};
+
+TEST_F(FanotifyTaskTest, VerdictOfTheConsumerDecides) {
+    TestUtil::Touch(dir / "file");
+    Register(*judge);
+    Guard(judge->GetTaskId(), dir.path());
+    ASSERT_EQ(0, judgeRunner.Start());
+    ASSERT_EQ(0, taskRunner.Start());
+
+    judge->verdict = 2;
+    OpeningChild child(dir / "file");
+    ASSERT_TRUE(child.Wait(milliseconds(5000)));
+    EXPECT_EQ(EPERM, child.result());
+    ASSERT_EQ(1u, judge->Count());
+    const auto asked = judge->Events()[0];
+    EXPECT_EQ(2, asked.notifyType);
+    EXPECT_EQ(dir / "file", asked.path);
+    EXPECT_EQ(static_cast<unsigned int>(child.pid()), asked.pid);
+    EXPECT_FALSE(asked.exe.empty());
+    EXPECT_EQ(static_cast<unsigned int>(FAN_OPEN_PERM), asked.mask);
+    EXPECT_EQ(Engine::FileFanotifyWatch::kFirstWatchId, asked.watchId);
+
+    for (int verdict : {0, 1, 3}) {
+        judge->verdict = verdict;
+        EXPECT_EQ(0, OpenFromChild(dir / "file")) << "verdict " << verdict;
+    }
+}
+
+TEST_F(FanotifyTaskTest, SilentConsumersLetTheAccessThroughAfterTheTimeout) {
+    Poco::AutoPtr<RecordingConsumer> idle(new RecordingConsumer("idle"));     // never serves its queue
+    Poco::AutoPtr<RecordingConsumer> full(new RecordingConsumer("full", 1));  // queue full, never served
+    Poco::AutoPtr<RecordingConsumer> late(new RecordingConsumer("late"));     // answers after the time-out
+    std::promise<void> release;
+    std::shared_future<void> released = release.get_future().share();
+    late->verdict = 2;
+    late->onEvent = [released](const Engine::FileNotifyMessage&) { released.wait(); };
+    Framework::TaskRunner lateRunner(late.get());
+    ASSERT_EQ(0, lateRunner.Start());
+
+    struct Case {
+        const char* name;
+        int taskId;
+    } cases[] = {
+        {"unknown", 424242}, {"idle", idle->GetTaskId()}, {"full", full->GetTaskId()}, {"late", late->GetTaskId()}};
+    for (auto* consumer : {idle.get(), full.get(), late.get(), judge.get()})
+        Register(*consumer);
+    for (const auto& c : cases) {
+        TestUtil::MakeDir(dir / c.name);
+        TestUtil::Touch(dir / c.name + "/file");
+        Guard(c.taskId, dir / c.name + "/");
+    }
+    TestUtil::MakeDir(dir / "judged");
+    TestUtil::Touch(dir / "judged/file");
+    Guard(judge->GetTaskId(), dir / "judged/");
+    ASSERT_EQ(0, task->SendMsg(full->GetTaskId(), "f", new Engine::FileNotifyMessage(0, "/filler", 0)));
+    ASSERT_EQ(0, judgeRunner.Start());
+    ASSERT_EQ(0, taskRunner.Start());
+
+    for (const auto& c : cases)
+        EXPECT_EQ(0, OpenFromChild(dir / c.name + "/file")) << c.name;
+    release.set_value();
+    // The module's thread went on: a verdict is still heard.
+    judge->verdict = 2;
+    EXPECT_EQ(EPERM, OpenFromChild(dir / "judged/file"));
+}
+
+TEST_F(FanotifyTaskTest, AgentNeverWaitsOnItsOwnMarks) {
+    // The agent's log rotates into one guarded folder and its configuration
+    // lies in another; the judge denies everything and first opens the file
+    // it judges. The module logs every event, so it writes there too.
+    const std::string logs = dir / "logs/";
+    const std::string conf = dir / "conf/";
+    TestUtil::MakeDir(logs);
+    TestUtil::MakeDir(conf);
+    std::ofstream(conf + "resource.conf") << "inotify = 30\n";
+    struct LogToFolder {
+        explicit LogToFolder(const std::string& file) {
+            SDK::LoggerUtils::GetInstance()->SetLevel(Poco::Message::PRIO_DEBUG);
+            ok = SDK::LoggerUtils::GetInstance()->UseRotatingFile(file, 4096, 2);
+        }
+        ~LogToFolder() {
+            SDK::LoggerUtils::GetInstance()->UseConsole();
+            SDK::LoggerUtils::GetInstance()->SetLevel(level);
+        }
+        int level = SDK::LoggerUtils::GetInstance()->GetLevel();
+        bool ok;
+    } logToFolder(logs + "agent.log");
+    ASSERT_TRUE(logToFolder.ok);
+    judge->verdict = 2;
+    judge->onEvent = [](const Engine::FileNotifyMessage& msg) {
+        std::ifstream judged(msg.GetEventFilePath());
+        std::string line;
+        std::getline(judged, line);
+    };
+    Register(*judge);
+    Guard(judge->GetTaskId(), logs, FAN_OPEN_PERM | FAN_ACCESS_PERM);
+    Guard(judge->GetTaskId(), conf, FAN_OPEN_PERM | FAN_ACCESS_PERM);
+    ASSERT_EQ(0, judgeRunner.Start());
+    ASSERT_EQ(0, taskRunner.Start());
+
+    for (int round = 0; round < 40; ++round) {
+        std::ofstream(logs + "own.txt", std::ios::app) << "round " << round << "\n";
+        std::ifstream in(conf + "resource.conf");
+        std::string line;
+        ASSERT_TRUE(std::getline(in, line));
+        EXPECT_EQ(EPERM, OpenFromChild(conf + "resource.conf")) << "round " << round;
+    }
+    EXPECT_GT(TestUtil::CountEntries(logs.c_str()), 2) << "the log never rotated";
+    EXPECT_EQ(40u, judge->Count());  // only the children's accesses were put to the judge
+}
+
+TEST_F(FanotifyTaskTest, ClosingTheGroupsReleasesWaitingProcesses) {
+    TestUtil::Touch(dir / "file");
+    Register(*judge);
+    Guard(judge->GetTaskId(), dir.path());
+    // Initialised (its reader runs) but its loop never runs: nobody answers.
+    ASSERT_EQ(0, task->Init());
+    OpeningChild first(dir / "file");
+    OpeningChild second(dir / "file");
+    EXPECT_FALSE(first.Wait(milliseconds(100)));
+    task->UnInit();
+    ASSERT_TRUE(first.Wait(milliseconds(5000)));
+    ASSERT_TRUE(second.Wait(milliseconds(5000)));
+    EXPECT_EQ(0, first.result());
+    EXPECT_EQ(0, second.result());
+}
+
+TEST_F(FanotifyTaskTest, NotifyEventsCarryTheActingProcess) {
+    Poco::AutoPtr<RecordingConsumer> other(new RecordingConsumer("other"));
+    Register(*judge);
+    Register(*other);
+    ASSERT_EQ(0, judgeRunner.Start());
+    ASSERT_EQ(0, task->Init());
+    auto& fanotify = task->GetFanotifyWatch();
+    const unsigned int mask = FAN_MODIFY | FAN_CLOSE_WRITE;
+    Engine::_FileNotifyOpt opt = Options(mask, true);
+    opt.fillStat = true;
+    int wd = 0;
+    ASSERT_EQ(0, fanotify.AddNotifyWatch(judge->GetTaskId(), dir.path(), mask, opt, wd));
+    EXPECT_EQ(Engine::FileFanotifyWatch::kFirstWatchId, wd);
+    int otherWd = 0;
+    ASSERT_EQ(0, fanotify.AddNotifyWatch(other->GetTaskId(), dir.path(), FAN_OPEN, Options(FAN_OPEN, true), otherWd));
+    EXPECT_EQ(wd, otherWd);  // one path, one watch
+    EXPECT_EQ(1, fanotify.AddNotifyWatch(judge->GetTaskId(), dir.path(), mask, opt, wd));
+    TestUtil::MakeDir(dir / "sub");
+    EXPECT_EQ(1, fanotify.AddNotifyWatch(other->GetTaskId(), dir / "sub/", mask, opt, otherWd));
+
+    std::ofstream(dir / "file") << "x";
+    while (task->GetEventWaiter().WaitAndHandleEvent(0, 128) > 0) {
+    }
+    // The kernel merges events on one file that wait in the queue together.
+    const auto seen = [&] {
+        unsigned int all = 0;
+        for (const auto& e : judge->Events())
+            all |= e.mask;
+        return all;
+    };
+    ASSERT_TRUE(TestUtil::WaitUntil([&] { return (seen() & mask) == mask; })) << seen();
+    char exe[4096] = {};
+    ASSERT_GT(::readlink("/proc/self/exe", exe, sizeof exe - 1), 0);
+    for (const auto& e : judge->Events()) {
+        EXPECT_EQ(1, e.notifyType);
+        EXPECT_EQ(dir / "file", e.path);
+        EXPECT_EQ(static_cast<unsigned int>(::getpid()), e.pid);
+        EXPECT_EQ(std::string(exe), e.exe);
+        EXPECT_TRUE(e.statValid);
+        EXPECT_EQ(wd, e.watchId);
+    }
+    EXPECT_EQ(0u, other->Count());  // it asked for opens only, and is not running anyway
+    task->UnInit();
+}
+
+// Drops CAP_SYS_ADMIN, builds the task and watches folder with inotify. The
+// exit code: 0 when that worked and fanotify is off, else a failure step.
+int RunWithoutCapSysAdmin(const std::string& folder) {
+    __user_cap_header_struct header{_LINUX_CAPABILITY_VERSION_3, 0};
+    __user_cap_data_struct data[2]{};
+    if (::syscall(SYS_capget, &header, data) != 0) return 2;
+    data[CAP_SYS_ADMIN / 32].effective &= ~(1U << (CAP_SYS_ADMIN % 32));
+    if (::syscall(SYS_capset, &header, data) != 0) return 3;
+    Poco::AutoPtr<Engine::FileNotifyTask> task(new Engine::FileNotifyTask());
+    if (task->GetFanotifyWatch().IsAvailable()) return 4;
+    int wd = 0;
+    return task->AddInotifyWatch(1, folder, IN_CREATE, Options(IN_CREATE, false), wd) == 0 ? 0 : 5;
+}
+
+// Without CAP_SYS_ADMIN the module runs on inotify alone and says why.
+TEST(FanotifyUnavailable, InotifyWorksAlone) {
+    REQUIRE_FANOTIFY();
+    GTEST_FLAG_SET(death_test_style, "threadsafe");
+    TestUtil::TempDir dir;
+    EXPECT_EXIT(::_exit(RunWithoutCapSysAdmin(dir.path())), ::testing::ExitedWithCode(0), "lacks CAP_SYS_ADMIN");
+}
+
+}  // namespace
