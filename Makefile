@@ -51,6 +51,7 @@ test: test-plain test-asan
 
 bench: build
 	$(BUILD)/bin/framework_bench --benchmark_min_time=0.5
+	$(BUILD)/bin/inotify_bench
 
 format:
 	git ls-files '*.cpp' '*.h' | xargs clang-format -i

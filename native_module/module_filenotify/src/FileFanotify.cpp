@@ -50,7 +50,7 @@ int FileFanotify::Initialize(bool isBlock) {
     // Permission events need the content class; both groups are read until
     // EAGAIN. Event descriptors are read-only and never inherited.
     const unsigned int flags = FAN_CLOEXEC | FAN_NONBLOCK | (block ? FAN_CLASS_CONTENT : FAN_CLASS_NOTIF);
-    _fd = ::fanotify_init(flags, O_RDONLY | O_CLOEXEC | O_LARGEFILE);
+    _fd = ::fanotify_init(flags, O_RDONLY | O_CLOEXEC);
     if (_fd < 0) {
         _initError = errno;
         FN_LOG(LOG_ERROR, "call fanotify_init failed,error=%d", _initError);
