@@ -124,6 +124,16 @@ TEST_F(InotifyWatchTest, ConsumersShareOneKernelWatchWithTheirOwnFilters) {
     ASSERT_TRUE(b->WaitFor(1));
     EXPECT_EQ((std::vector<std::string>{d + "x.txt 0x2"}), a->Summary());
     EXPECT_EQ((std::vector<std::string>{d + "x.txt 0x100"}), b->Summary());
+
+    // The kernel watch stays while a consumer still holds it.
+    ASSERT_EQ(0, task->RemoveInotifyWatch(a->GetTaskId(), d));
+    EXPECT_EQ(1, UsedWatches());
+    Touch(d + "y.txt");
+    Pump();
+    ASSERT_TRUE(b->WaitFor(2));
+    EXPECT_EQ(d + "y.txt 0x100", b->Summary().back());
+    ASSERT_EQ(0, task->RemoveInotifyWatch(b->GetTaskId(), d));
+    EXPECT_EQ(0, UsedWatches());
 }
 
 TEST_F(InotifyWatchTest, RefusedRequests) {

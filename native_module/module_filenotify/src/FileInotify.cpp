@@ -34,6 +34,17 @@ std::string JoinPath(const std::string& folder, const struct inotify_event* even
     return SDK::PathUtils::GetCanonicalizePath(folder + "/" + EventName(event));
 }
 
+// The kernel mask of a watch: the caller's bits, the self events that tell
+// a vanished root or subfolder, and for a tree the folder arrivals that it
+// must follow, whatever the consumers asked for (each consumer's own masks
+// filter what it receives).
+unsigned int KernelMask(unsigned int mask, bool tree, bool followLinks) {
+    mask |= kSelfGone;
+    if (tree) mask |= IN_CREATE | IN_MOVED_TO;
+    if (!followLinks) mask |= IN_DONT_FOLLOW;
+    return mask;
+}
+
 }  // namespace
 
 FileInotify::FileInotify(FileNotifyLimit* limit) : _limit(limit) {
@@ -114,7 +125,7 @@ int FileInotify::AddWatch(const std::string& path, unsigned int mask, int& watch
                           bool watchSymLink, bool isFile) {
     std::vector<std::string> list;
     if (!GetSubFloderList(list, path, watchSymLink, watchChildFolder, isFile)) return 1;
-    const unsigned int kernelMask = watchSymLink ? mask : (mask | IN_DONT_FOLLOW);
+    const unsigned int kernelMask = KernelMask(mask, watchChildFolder && !isFile, watchSymLink);
     int rootWd = 0;
     if (watchId >= 1) {
         FN_LOG(LOG_DEBUG, "only add subfoder for watchId=%d", watchId);
@@ -131,6 +142,9 @@ int FileInotify::AddWatch(const std::string& path, unsigned int mask, int& watch
     // The kernel gives an inode already watched on this descriptor its old
     // descriptor again: such a root is reused as it is.
     auto& item = _watchItemMap[rootWd];
+    // A root added again carries the union of its consumers' masks: the
+    // folders that join it later must be watched with that union too.
+    if (item && watchId < 1) item->mask = mask;
     if (!item)
         item = std::make_unique<_WatchItem>(_WatchItem{rootWd, path, mask, watchChildFolder, watchSymLink, isFile, {}});
     for (const std::string& folder : list) {

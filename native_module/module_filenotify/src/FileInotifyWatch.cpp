@@ -88,7 +88,10 @@ int FileInotifyWatch::RemoveWatch(int taskId, const std::string& filePath) {
     }
     const int fd = record->fd;
     const int wd = record->wd;
-    int result = RemoveWatch(fd, wd);
+    // Other consumers on the same kernel watch keep it: it goes with the last.
+    FileNotifyWatchData::WatchItemList sharing;
+    notifyWatchData.GetWatchItemList(fd, wd, sharing);
+    int result = sharing.size() > 1 ? 0 : RemoveWatch(fd, wd);
     if (result != 0) {
         FN_LOG(LOG_ERROR, "call RemoveWatch failed,taskId=%d,filepath=%s", taskId, filePath);
         return result;

@@ -96,9 +96,40 @@ int FileNotifyTask::AddInotifyWatch(int taskId, const std::string& path, unsigne
     return 0;
 }
 
+int FileNotifyTask::AddNotifyWatch(int taskId, const std::string& path, unsigned int mask, const _FileNotifyOpt& opt,
+                                   int& watchId) {
+    FN_LOG(LOG_DEBUG, "AddFanotifyNotifyWatch taskId=%d;watchedObject=%s;mask=%u", taskId, path, mask);
+    const int result = fileFanotifyWatch.AddNotifyWatch(taskId, path, mask, opt, watchId);
+    if (result != 0) FN_LOG(LOG_ERROR, "fileFanotifyWatch.AddNotifyWatch failed");
+    return result;
+}
+
+int FileNotifyTask::AddPermitWatch(int taskId, const std::string& path, unsigned int mask, const _FileNotifyOpt& opt,
+                                   int& watchId) {
+    FN_LOG(LOG_DEBUG, "AddFanotifyPermitWatch taskId=%d;watchedObject=%s;mask=%u", taskId, path, mask);
+    const int result = fileFanotifyWatch.AddPermitWatch(taskId, path, mask, opt, watchId);
+    if (result != 0) FN_LOG(LOG_ERROR, "fileFanotifyWatch.AddPermitWatch failed");
+    return result;
+}
+
 int FileNotifyTask::RemoveInotifyWatch(int taskId, const std::string& path) {
     FN_LOG(LOG_DEBUG, "RemoveInotifyWatch taskId=%d;watchedObject=%s", taskId, path);
     return fileInotifyWatch.RemoveWatch(taskId, path);
+}
+
+Notify_WatchItem* FileNotifyTask::GetNotifyWatch(int taskId, const std::string& path) {
+    FN_LOG(LOG_DEBUG, "GetNotifyWatch taskId=%d;watchedObject=%s", taskId, path);
+    return fileFanotifyWatch.GetNotifyWatch(taskId, path);
+}
+
+int FileNotifyTask::RemoveNotifyWatch(Notify_WatchItem* item) {
+    FN_LOG(LOG_DEBUG, "RemoveFanotifyNotifyWatch");
+    return fileFanotifyWatch.RemoveNotifyWatch(item);
+}
+
+int FileNotifyTask::RemovePermitWatch(int taskId, const std::string& path) {
+    FN_LOG(LOG_DEBUG, "RemoveFanotifyPermitWatch taskId=%d;watchedObject=%s", taskId, path);
+    return fileFanotifyWatch.RemovePermitWatch(taskId, path);
 }
 
 int FileNotifyTask::AddPendingWatch(int taskId, const std::string& path, unsigned int mask, const _FileNotifyOpt& opt,
@@ -149,7 +180,15 @@ void FileNotifyTask::TimerSchduler() {
             case 0:
                 result = AddInotifyWatch(owned->taskId, path, owned->mask, owned->opt, watchId);
                 break;
-            default:  // the fanotify kinds join with the fanotify engine
+            case 1:
+                // A notify watch the task may still hold on the path gives way.
+                RemoveNotifyWatch(GetNotifyWatch(owned->taskId, path));
+                result = AddNotifyWatch(owned->taskId, path, owned->mask, owned->opt, watchId);
+                break;
+            case 2:
+                result = AddPermitWatch(owned->taskId, path, owned->mask, owned->opt, watchId);
+                break;
+            default:
                 break;
         }
         if (result != 0) FN_LOG(LOG_ERROR, "call AddWatch failed m_filePath=%s", owned->path);

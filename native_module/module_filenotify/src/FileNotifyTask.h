@@ -7,6 +7,7 @@
 #include "FileFanotifyWatch.h"
 #include "FileInotifyWatch.h"
 #include "FileNotifyOpt.h"
+#include "FileNotifyWatchService.h"
 #include "framework/Task.h"
 
 namespace Engine {
@@ -24,7 +25,7 @@ struct _PendingWatchItem {
 // The module's one task, "filenotify_task": owns both watch engines and runs
 // everything of the module on its own thread: descriptor callbacks, watch
 // requests from consumers (through its message queue) and the timer duties.
-class FileNotifyTask : public Framework::Task {
+class FileNotifyTask : public Framework::Task, public FileNotifyWatchService {
 public:
     static constexpr int kQueueCapacity = 4096;
     static constexpr int kEventReadBufferSize = 5120;
@@ -41,23 +42,30 @@ public:
 
     // Registers watcher as the receiver of file events for taskId. A null
     // watcher is logged and not reported as failure.
-    int AddFileNotifyMsgConsumer(int taskId, Framework::Task* watcher);
+    int AddFileNotifyMsgConsumer(int taskId, Framework::Task* watcher) override;
 
     // Watch dispatch: each forwards to its engine's manager and returns its
     // result (0 for success). watchId receives the id of the watch made.
     // After an inotify add with the create bit and simulateCreate, the
     // consumer receives a created event for the watched object itself.
     int AddInotifyWatch(int taskId, const std::string& path, unsigned int mask, const _FileNotifyOpt& opt,
-                        int& watchId);
-    int RemoveInotifyWatch(int taskId, const std::string& path);
+                        int& watchId) override;
+    int AddNotifyWatch(int taskId, const std::string& path, unsigned int mask, const _FileNotifyOpt& opt,
+                       int& watchId) override;
+    int AddPermitWatch(int taskId, const std::string& path, unsigned int mask, const _FileNotifyOpt& opt,
+                       int& watchId) override;
+    int RemoveInotifyWatch(int taskId, const std::string& path) override;
+    Notify_WatchItem* GetNotifyWatch(int taskId, const std::string& path) override;
+    int RemoveNotifyWatch(Notify_WatchItem* item) override;
+    int RemovePermitWatch(int taskId, const std::string& path) override;
 
     // Keeps a watch for a path that does not exist (yet); notifyType 0
     // inotify, 1 fanotify notify, 2 fanotify permit. No duplicate check.
     int AddPendingWatch(int taskId, const std::string& path, unsigned int mask, const _FileNotifyOpt& opt,
-                        int notifyType);
+                        int notifyType) override;
     // Drops the first pending record of taskId whose path begins with path.
     // Always 0; found tells whether one was dropped.
-    int RemovePendingWatch(int taskId, const std::string& path, bool& found);
+    int RemovePendingWatch(int taskId, const std::string& path, bool& found) override;
     // Timer duty, run every timerPassThreshold passes of the loop: pending
     // paths that exist now become watches; their records are dropped.
     void TimerSchduler();

@@ -1,0 +1,148 @@
+#include "FileNotifyWatchMessage.h"
+
+#include <string>
+
+#include "FileNotifyLog.h"
+#include "FileNotifyUtils.h"
+#include "FileNotifyWatchService.h"
+#include "framework/Task.h"
+
+namespace Engine {
+
+namespace {
+
+constexpr unsigned int kAccess = 0x1;
+constexpr unsigned int kOpen = 0x20;
+constexpr unsigned int kOpenPermission = 0x10000;
+constexpr unsigned int kAccessPermission = 0x20000;
+
+}  // namespace
+
+FileNotifyWatchService::~FileNotifyWatchService() = default;
+
+FileNotifyWatchMessage::FileNotifyWatchMessage(Framework::Task* sender, const std::string& path,
+                                               const std::vector<unsigned int>& masks, const _FileNotifyOpt& opt)
+    : Framework::Message("filewatch"),
+      m_sender(sender),
+      m_taskId(sender != nullptr ? sender->GetTaskId() : 0),
+      m_filePath(path),
+      m_opt(opt) {
+    m_opt.eventMasks = masks;
+    unsigned int combined = 0;
+    for (unsigned int mask : masks)
+        combined |= mask;
+    m_opt.combinedMask = combined;
+    handlerParmOpt();
+    if (m_opt.inotifyOnly) {
+        m_watchMask = combined;
+        return;
+    }
+    m_fanotifyMask = combined & kFanotifyBits;
+    m_watchMask = combined & kInotifyBits;
+    // Inotify needs the folder bit too when it serves any of the request.
+    if ((combined & kOnDirectory) != 0 && m_watchMask != 0) m_watchMask |= kOnDirectory;
+}
+
+FileNotifyWatchMessage::FileNotifyWatchMessage(Framework::Task* sender, const std::string& path, bool permit)
+    : Framework::Message("filewatch"),
+      m_sender(sender),
+      m_taskId(sender != nullptr ? sender->GetTaskId() : 0),
+      m_filePath(path) {
+    m_opt.remove = true;
+    m_opt.permit = permit;
+}
+
+FileNotifyWatchMessage::~FileNotifyWatchMessage() = default;
+
+void FileNotifyWatchMessage::handlerParmOpt() {
+    if (m_opt.watchChildFolder) {
+        for (std::string& prefix : m_opt.ignorePath)
+            prefix = FileNotifyUtils::FormatFolderName(prefix);
+    } else {
+        m_opt.ignorePath.clear();
+    }
+    for (std::string& ending : m_opt.ignoreFileExt)
+        ending = "." + ending;
+}
+
+unsigned int FileNotifyWatchMessage::GetFanNotifyPermitMask() const {
+    if ((m_fanotifyMask & kOpen) != 0) {
+        return (m_fanotifyMask & kAccess) != 0 ? (kOpenPermission | kAccessPermission) : kOpenPermission;
+    }
+    if ((m_fanotifyMask & kAccess) != 0) return kAccessPermission;
+    FN_LOG(LOG_ERROR, "No find FAN_OPEN or FAN_ACCESS event,m_watchMask=%d", static_cast<int>(m_fanotifyMask));
+    return 0;
+}
+
+int FileNotifyWatchMessage::MessageHandle(void* task) {
+    GetMsgReply() = "-1";  // what a refused request answers too
+    auto* service = dynamic_cast<FileNotifyWatchService*>(static_cast<Framework::Task*>(task));
+    if (service == nullptr) {
+        FN_LOG(LOG_ERROR, "filewatch request reached a task that serves no watches");
+        return 1;
+    }
+    if (m_filePath.empty()) {
+        FN_LOG(LOG_ERROR, "m_filePath is empty");
+        return 1;
+    }
+    const bool exists = FileNotifyUtils::IsExistFilePath(m_filePath);
+    if (exists) {
+        m_filePath = FileNotifyUtils::FormatFolderName(m_filePath);
+        m_opt.timerFound = false;
+    }
+    if (m_opt.remove) return MessageRemoveWatchHandle(service);
+    if (service->AddFileNotifyMsgConsumer(m_taskId, m_sender) != 0) {
+        FN_LOG(LOG_ERROR, "Task::AddFileNotifyMsgConsumer failed");
+    }
+    const int result = exists ? MessageAddWatchHandle(service) : MessageAddPendingWatchHandle(service);
+    GetMsgReply() = std::to_string(m_watchId);
+    return result;
+}
+
+int FileNotifyWatchMessage::MessageAddWatchHandle(FileNotifyWatchService* task) {
+    FN_LOG(LOG_DEBUG, "MessageAddWatchHandle taskName=%s, filePath=%s, fanotifyMask=%u, notifyMask=%u",
+           m_sender != nullptr ? m_sender->GetTaskName() : std::string(), m_filePath, m_fanotifyMask, m_watchMask);
+    int watchId = -1;
+    int result = 0;
+    if (m_opt.permit) {
+        result = task->AddPermitWatch(m_taskId, m_filePath, GetFanNotifyPermitMask(), m_opt, watchId);
+    } else {
+        if (m_fanotifyMask != 0) result = task->AddNotifyWatch(m_taskId, m_filePath, m_fanotifyMask, m_opt, watchId);
+        if (m_watchMask != 0) result |= task->AddInotifyWatch(m_taskId, m_filePath, m_watchMask, m_opt, watchId);
+    }
+    m_watchId = watchId;
+    return result;
+}
+
+int FileNotifyWatchMessage::MessageAddPendingWatchHandle(FileNotifyWatchService* task) {
+    if (m_opt.permit) {
+        task->AddPendingWatch(m_taskId, m_filePath, GetFanNotifyPermitMask(), m_opt, 2);
+        return 1;
+    }
+    if (m_fanotifyMask != 0) task->AddPendingWatch(m_taskId, m_filePath, m_fanotifyMask, m_opt, 1);
+    if (m_watchMask != 0) task->AddPendingWatch(m_taskId, m_filePath, m_watchMask, m_opt, 0);
+    return 1;
+}
+
+int FileNotifyWatchMessage::MessageRemoveWatchHandle(FileNotifyWatchService* task) {
+    bool found = false;
+    int result = task->RemovePendingWatch(m_taskId, m_filePath, found);
+    if (result != 0) {
+        FN_LOG(LOG_ERROR, "call RemovePendingWatch failed m_filePath=%s", m_filePath);
+    } else if (found) {
+        return 0;
+    }
+    if (m_opt.permit) {
+        const int removed = task->RemovePermitWatch(m_taskId, m_filePath);
+        if (removed != 0) FN_LOG(LOG_ERROR, "call RemoveWatch failed m_filePath=%s", m_filePath);
+        return removed;
+    }
+    if (m_fanotifyMask != 0) {
+        Notify_WatchItem* item = task->GetNotifyWatch(m_taskId, m_filePath);
+        if (item != nullptr) result = task->RemoveNotifyWatch(item);
+    }
+    if (m_watchMask != 0) result |= task->RemoveInotifyWatch(m_taskId, m_filePath);
+    return result;
+}
+
+}  // namespace Engine

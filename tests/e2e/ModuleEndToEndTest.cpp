@@ -1,0 +1,245 @@
+#include <fcntl.h>
+#include <sys/fanotify.h>
+#include <sys/inotify.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <cstring>
+#include <fstream>
+#include <string>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+#include <Poco/AutoPtr.h>
+
+#include "ChildProcess.h"
+#include "FileNotifyLog.h"
+#include "FileNotifyWatchMessage.h"
+#include "InotifyTestUtil.h"
+#include "LogCapture.h"
+#include "RecordingConsumer.h"
+#include "TestUtil.h"
+#include "framework/ModuleHost.h"
+#include "framework/TaskRunner.h"
+
+using std::chrono::milliseconds;
+using TestUtil::RecordingConsumer;
+
+namespace {
+
+// The module loaded by the host runtime and two consumers that talk to it
+// by message only.
+class ModuleEndToEnd : public ::testing::Test {
+protected:
+    void SetUp() override {
+        std::string error;
+        ASSERT_EQ(0, host.Load(FN_MODULE_PATH, error)) << error;
+        ASSERT_EQ(0, host.Start(error)) << error;
+        for (auto* runner : {&runnerA, &runnerB})
+            ASSERT_EQ(0, runner->Start());
+        moduleIdA = a->AddConsumerByName("filenotify_task", "f");
+        moduleIdB = b->AddConsumerByName("filenotify_task", "f");
+        ASSERT_GT(moduleIdA, 0);
+    }
+    void TearDown() override { host.Stop(); }
+
+    static Engine::_FileNotifyOpt Options(bool recursive = false, bool inotifyOnly = true) {
+        Engine::_FileNotifyOpt opt;
+        opt.watchChildFolder = recursive;
+        opt.inotifyOnly = inotifyOnly;
+        return opt;
+    }
+    // Sends a request and waits for its answer; reply gets the watch id.
+    int Send(RecordingConsumer& from, Engine::FileNotifyWatchMessage* request, std::string& reply) {
+        const int moduleId = &from == a.get() ? moduleIdA : moduleIdB;
+        return from.SyncSendMsg(moduleId, "f", request, reply, 5000, 1);
+    }
+    int Watch(RecordingConsumer& from, const std::string& path, std::vector<unsigned int> masks,
+              const Engine::_FileNotifyOpt& opt, std::string* reply = nullptr) {
+        std::string answer;
+        const int result = Send(from, new Engine::FileNotifyWatchMessage(&from, path, masks, opt), answer);
+        if (reply != nullptr) *reply = answer;
+        return result;
+    }
+    int Unwatch(RecordingConsumer& from, const std::string& path, std::vector<unsigned int> masks,
+                const Engine::_FileNotifyOpt& opt) {
+        auto* request = new Engine::FileNotifyWatchMessage(&from, path, masks, opt);
+        request->setRemoveWatchMessage();
+        std::string reply;
+        return Send(from, request, reply);
+    }
+    // The module's timer runs every 20 passes of its loop, and every handled
+    // message is a pass: twenty round trips run it at least once.
+    void RunTimer() {
+        for (int i = 0; i < 20; ++i) {
+            std::string reply;
+            ASSERT_EQ(0, a->SyncSendMsg(moduleIdA, "f", new Framework::Message("ping"), reply, 5000, 1));
+        }
+    }
+
+    TestUtil::LogCapture log{Engine::FileNotifyUtils::GetLoggerPtr()};
+    TestUtil::TempDir dir;
+    Framework::ModuleHost host;
+    Poco::AutoPtr<RecordingConsumer> a{new RecordingConsumer("e2e_consumer_a")};
+    Poco::AutoPtr<RecordingConsumer> b{new RecordingConsumer("e2e_consumer_b")};
+    Framework::TaskRunner runnerA{a.get()};
+    Framework::TaskRunner runnerB{b.get()};
+    int moduleIdA = 0;
+    int moduleIdB = 0;
+};
+
+TEST_F(ModuleEndToEnd, InotifyWatchFromRequestToEvents) {
+    const std::string d = dir.path();
+    TestUtil::Touch(d + "old");
+    std::string reply;
+    const unsigned int all = IN_CREATE | IN_MODIFY | IN_CLOSE_WRITE | IN_DELETE | IN_MOVED_FROM | IN_MOVED_TO;
+    ASSERT_EQ(0, Watch(*a, d, {all}, Options(), &reply));
+    EXPECT_GE(std::stoi(reply), 1);
+    ASSERT_TRUE(a->WaitFor(1));  // the watched folder itself, as created
+    EXPECT_EQ(dir.path().substr(0, d.size() - 1) + " 0x40000100", a->Summary()[0]);
+    a->Clear();
+
+    std::ofstream(d + "new") << "x";
+    TestUtil::Rename(d + "old", d + "renamed");
+    ASSERT_EQ(0, ::unlink((d + "new").c_str()));
+    ASSERT_TRUE(a->WaitFor(5));
+    EXPECT_EQ((std::vector<std::string>{d + "new 0x100", d + "new 0x2", d + "new 0x8",
+                                        d + "old -> " + d + "renamed 0xc0", d + "new 0x200"}),
+              a->Summary());
+    for (const auto& e : a->Events()) {
+        EXPECT_EQ(0, e.notifyType);
+        EXPECT_EQ(std::stoi(reply), e.watchId);
+    }
+
+    ASSERT_EQ(0, Unwatch(*a, d, {all}, Options()));
+    a->Clear();
+    TestUtil::Touch(d + "after");
+    RunTimer();  // a pass or twenty: nothing may arrive
+    EXPECT_EQ(0u, a->Count());
+}
+
+TEST_F(ModuleEndToEnd, RecursiveTreesAndConsumersWithTheirOwnRules) {
+    const std::string d = dir.path();
+    Engine::_FileNotifyOpt tree = Options(true);
+    tree.simulateCreate = false;
+    tree.ignoreFileExt = {"log"};
+    ASSERT_EQ(0, Watch(*a, d, {IN_CREATE}, tree));
+    ASSERT_EQ(0, Watch(*b, d, {IN_CLOSE_WRITE}, Options(true)));
+    TestUtil::MakeDir(d + "a");
+    TestUtil::MakeDir(d + "a/b");
+    ASSERT_TRUE(a->WaitFor(1));  // a/ is watched once this batch is done
+    RunTimer();
+    std::ofstream(d + "a/b/x.log") << "x";
+    std::ofstream(d + "a/b/x.txt") << "x";
+    ASSERT_TRUE(b->WaitFor(2));
+    ASSERT_TRUE(TestUtil::WaitUntil([&] { return a->Count() >= 2; }));
+    EXPECT_EQ((std::vector<std::string>{d + "a 0x40000100", d + "a/b/x.txt 0x100"}), a->Summary());
+    EXPECT_EQ((std::vector<std::string>{d + "a/b/x.log 0x8", d + "a/b/x.txt 0x8"}), b->Summary());
+}
+
+TEST_F(ModuleEndToEnd, PendingPathsAreWatchedOnceTheyAppear) {
+    const std::string root = dir / "later";
+    std::string reply;
+    EXPECT_EQ(1, Watch(*a, root, {IN_CREATE}, Options(), &reply));
+    EXPECT_EQ("-1", reply);
+    TestUtil::MakeDir(root);
+    RunTimer();
+    ASSERT_TRUE(a->WaitFor(1));
+    EXPECT_EQ(root + " 0x40000100", a->Summary()[0]);
+
+    // Deleted and made again: the watch comes back with it.
+    ASSERT_EQ(0, ::rmdir(root.c_str()));
+    TestUtil::MakeDir(root);
+    RunTimer();
+    TestUtil::Touch(root + "/x");
+    ASSERT_TRUE(TestUtil::WaitUntil([&] {
+        const auto all = a->Summary();
+        return !all.empty() && all.back() == root + "/x 0x100";
+    })) << ::testing::PrintToString(a->Summary())
+        << log.Dump();
+
+    // A remove request for a path that is only pending drops the record.
+    EXPECT_EQ(1, Watch(*a, dir / "never", {IN_CREATE}, Options(), &reply));
+    EXPECT_EQ(0, Send(*a, new Engine::FileNotifyWatchMessage(a.get(), dir / "never", false), reply));
+    EXPECT_TRUE(log.Has(Engine::LOG_DEBUG, "RemovePendingWatch taskId=" + std::to_string(a->GetTaskId()) +
+                                               ";watchedObject=" + dir / "never"));
+}
+
+TEST_F(ModuleEndToEnd, BadRequestsAreRefusedPlainly) {
+    std::string reply;
+    EXPECT_EQ(1, Watch(*a, "", {IN_CREATE}, Options(), &reply));
+    EXPECT_EQ("-1", reply);
+    EXPECT_TRUE(log.Has(Engine::LOG_ERROR, "m_filePath is empty"));
+    // Blanks make a path that never exists: it stays pending.
+    EXPECT_EQ(1, Watch(*a, "  " + dir.path() + "  ", {IN_CREATE}, Options(), &reply));
+    EXPECT_EQ("-1", reply);
+    EXPECT_EQ(1, Unwatch(*a, dir.path(), {IN_CREATE}, Options()));
+    EXPECT_TRUE(log.Has(Engine::LOG_ERROR,
+                        "No found watch,taskId=" + std::to_string(a->GetTaskId()) + ",filepath=" + dir.path()));
+    EXPECT_EQ(0, Watch(*a, dir.path(), {}, Options(), &reply));
+    EXPECT_EQ("-1", reply);
+    Engine::_FileNotifyOpt permit = Options(false, false);
+    permit.permit = true;
+    EXPECT_NE(0, Watch(*a, dir.path(), {FAN_MODIFY}, permit, &reply));
+    EXPECT_TRUE(log.Has(Engine::LOG_ERROR, "No find FAN_OPEN or FAN_ACCESS event,m_watchMask=2"));
+}
+
+class FanotifyEndToEnd : public ModuleEndToEnd {
+protected:
+    void SetUp() override {
+        const int fd = ::fanotify_init(FAN_CLASS_CONTENT | FAN_CLOEXEC, O_RDONLY);
+        if (fd < 0) GTEST_SKIP() << "fanotify needs CAP_SYS_ADMIN: " << std::strerror(errno);
+        ::close(fd);
+        ModuleEndToEnd::SetUp();
+    }
+};
+
+TEST_F(FanotifyEndToEnd, MixedRequestUsesBothEnginesAndRemovesBoth) {
+    const std::string d = dir.path();
+    Engine::_FileNotifyOpt opt = Options(true, false);
+    opt.simulateCreate = false;
+    const std::vector<unsigned int> masks = {FAN_MODIFY | FAN_OPEN, IN_CREATE};
+    ASSERT_EQ(0, Watch(*a, d, masks, opt));
+    std::ofstream(d + "f") << "x";
+    char exe[4096] = {};
+    ASSERT_GT(::readlink("/proc/self/exe", exe, sizeof exe - 1), 0);
+    ASSERT_TRUE(TestUtil::WaitUntil([&] {
+        bool inotify = false;
+        bool fanotify = false;
+        for (const auto& e : a->Events()) {
+            inotify |= e.notifyType == 0 && e.mask == IN_CREATE;
+            fanotify |= e.notifyType == 1 && e.pid == static_cast<unsigned int>(::getpid()) && e.exe == exe;
+        }
+        return inotify && fanotify;
+    })) << ::testing::PrintToString(a->Summary());
+
+    ASSERT_EQ(0, Unwatch(*a, d, masks, opt));
+    a->Clear();
+    std::ofstream(d + "g") << "x";
+    RunTimer();
+    EXPECT_EQ(0u, a->Count());
+}
+
+TEST_F(FanotifyEndToEnd, PermitRequestLetsTheConsumerDecide) {
+    TestUtil::Touch(dir / "secret");
+    Engine::_FileNotifyOpt opt = Options(true, false);
+    opt.permit = true;
+    std::string reply;
+    ASSERT_EQ(0, Watch(*a, dir.path(), {FAN_OPEN}, opt, &reply));
+    EXPECT_EQ("10000", reply);
+    for (int verdict : {2, 0}) {
+        a->verdict = verdict;
+        TestUtil::OpeningChild child(dir / "secret");
+        ASSERT_TRUE(child.Wait(milliseconds(5000)));
+        EXPECT_EQ(verdict == 2 ? EPERM : 0, child.result()) << "verdict " << verdict;
+    }
+    ASSERT_EQ(0, Send(*a, new Engine::FileNotifyWatchMessage(a.get(), dir.path(), true), reply));
+    const std::size_t asked = a->Count();
+    TestUtil::OpeningChild child(dir / "secret");
+    ASSERT_TRUE(child.Wait(milliseconds(5000)));
+    EXPECT_EQ(0, child.result());
+    EXPECT_EQ(asked, a->Count());
+}
+
+}  // namespace
