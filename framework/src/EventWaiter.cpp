@@ -53,7 +53,9 @@ int EventWaiter::RemoveEvent(Event* event) {
 void EventWaiter::Notify() {
     // One write per wake-up, however many producers: the flag stays set until
     // the waiting thread has read the eventfd.
-    if (_notified.exchange(true)) return;
+    // A plain load first: under a burst the flag is mostly set already, and
+    // the exchange would bounce the cache line between the threads.
+    if (_notified.load(std::memory_order_relaxed) || _notified.exchange(true)) return;
     const std::uint64_t one = 1;
     ssize_t n;
     do {

@@ -24,14 +24,30 @@ constexpr unsigned int kSelfGone = IN_DELETE_SELF | IN_MOVE_SELF;
 // Deepest folder level a recursive walk opens; the root is level 1.
 constexpr int kMaxTraverseDepth = 20;
 
-// The record's name, bounded by len: a name is NUL-padded by the kernel, but
-// a damaged buffer must not make us read past the record.
-std::string EventName(const struct inotify_event* event) {
-    return std::string(event->name, ::strnlen(event->name, event->len));
+// A folder path without "//", "." or ".." components, ending in "/".
+bool IsCanonicalFolder(const std::string& folder) {
+    if (folder.empty() || folder.front() != '/' || folder.back() != '/') return false;
+    for (std::size_t slash = folder.find('/'); slash + 1 < folder.size(); slash = folder.find('/', slash + 1)) {
+        const char* rest = folder.c_str() + slash + 1;
+        if (rest[0] == '/') return false;
+        if (rest[0] == '.' && (rest[1] == '/' || (rest[1] == '.' && rest[2] == '/'))) return false;
+    }
+    return true;
 }
 
+// folder + name, canonicalised. The name is bounded by len: the kernel
+// NUL-pads it, but a damaged buffer must not make us read past the record.
+// The kernel's names hold no "/", so a
+// canonical folder only needs the name appended: no parsing per event.
 std::string JoinPath(const std::string& folder, const struct inotify_event* event) {
-    return SDK::PathUtils::GetCanonicalizePath(folder + "/" + EventName(event));
+    const std::size_t nameLength = ::strnlen(event->name, event->len);
+    if (!IsCanonicalFolder(folder)) {
+        return SDK::PathUtils::GetCanonicalizePath(folder + "/" + std::string(event->name, nameLength));
+    }
+    std::string path;
+    path.reserve(folder.size() + nameLength);
+    path.append(folder).append(event->name, nameLength);
+    return path;
 }
 
 // The kernel mask of a watch: the caller's bits, the self events that tell
@@ -409,7 +425,7 @@ int FileInotify::DoWithOneEvent(const struct inotify_event* event, InotifyCallba
         InotifyCallBackParm parm;
         parm.fd = _fd;
         parm.rootWd = wd;
-        parm.filePath = path;
+        parm.filePath = std::move(path);
         parm.event = event;
         parm.mask = event->mask;
         if ((parm.mask & kSelfGone) != 0 && !item->isFile) parm.mask |= IN_ISDIR;
@@ -418,6 +434,7 @@ int FileInotify::DoWithOneEvent(const struct inotify_event* event, InotifyCallba
             return 1;
         }
         FN_CPU_YIELD();
+        path = std::move(parm.filePath);
     }
     if (AddRefreshWatchTask(item, path, event, selfEvent) != 0) {
         FN_LOG(LOG_ERROR, "call AddRefreshWatchTask failed");

@@ -245,9 +245,10 @@ int FileInotifyWatch::DoEventMsgCache() {
 }
 
 int FileInotifyWatch::SendEventMsg(const _EventItem* eventItem) {
-    FileNotifyWatchData::WatchItemList records;
-    notifyWatchData.GetWatchItemList(eventItem->fd, eventItem->wd, records);
-    for (const Notify_WatchItem* record : records) {
+    // Walked in place: sending touches no registry state.
+    const FileNotifyWatchData::OwnedList* records = notifyWatchData.FindWatchItems(eventItem->fd, eventItem->wd);
+    if (records == nullptr) return 0;
+    for (const auto& record : *records) {
         if (FileNotifyUtils::IsIgnoreWatchObject(eventItem->eventFile, record->opt)) continue;
         if (FileNotifyUtils::IsIgnoreWatchEvent(static_cast<int>(eventItem->mask), record->opt.eventMasks)) continue;
         auto* message = new FileNotifyMessage(0, eventItem->eventFile, eventItem->mask);

@@ -59,6 +59,14 @@ public:
     // allTaskId, on (fd, wd). Always 0.
     int RemoveWatch(int taskId, int fd, int wd);
     int RemoveWatchAllItem(int fd, int wd) { return RemoveWatch(allTaskId, fd, wd); }
+    using OwnedList = std::list<std::unique_ptr<Notify_WatchItem>>;
+
+    // The records on (fd, wd), in the order they were added; null when none.
+    // Valid until the registry changes.
+    const OwnedList* FindWatchItems(int fd, int wd) const {
+        auto found = watchItemMap.find(WatchKey(fd, wd));
+        return found == watchItemMap.end() ? nullptr : &found->second;
+    }
     // Appends the records on (fd, wd) to watchItemList, which is not cleared.
     // The records stay owned by the registry.
     int GetWatchItemList(int fd, int wd, WatchItemList& watchItemList) const;
@@ -94,7 +102,6 @@ public:
     bool Empty() const { return watchItemMap.empty(); }
 
 private:
-    using OwnedList = std::list<std::unique_ptr<Notify_WatchItem>>;
     void ErasePathOf(const std::string& path);
 
     std::map<WatchKey, OwnedList> watchItemMap;
