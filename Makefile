@@ -33,7 +33,7 @@ build: deps $(BUILD)/build.ninja
 	cmake --build $(BUILD) -j $(JOBS)
 
 run: build
-	$(BUILD)/bin/filenotify_host $(ARGS)
+	$(BUILD)/bin/filenotify $(or $(ARGS),watch -r .)
 
 test-plain: build
 	cd $(BUILD) && ctest --output-on-failure -j $(JOBS) --timeout 300
@@ -52,6 +52,7 @@ test: test-plain test-asan
 bench: build
 	$(BUILD)/bin/framework_bench --benchmark_min_time=0.5
 	$(BUILD)/bin/inotify_bench
+	$(BUILD)/bin/module_bench
 
 format:
 	git ls-files '*.cpp' '*.h' | xargs clang-format -i

@@ -90,6 +90,7 @@ int FileNotifyTask::AddInotifyWatch(int taskId, const std::string& path, unsigne
         const unsigned int created = SDK::FileUtils::IsFile(path) ? IN_CREATE : (IN_CREATE | IN_ISDIR);
         auto* message = new FileNotifyMessage(0, path, created);
         message->SetExtParm(opt.extParm);
+        message->SetWatchFile(watchId, path);  // the watch it announces, like its later events
         SendMsg(static_cast<unsigned long>(taskId), "f", message);
         FN_LOG(LOG_DEBUG, "simulate send add mesage taskId=%d;watchedObject=%s;mask=%u", taskId, path, created);
     }

@@ -1,0 +1,38 @@
+#include "CliSettings.h"
+
+#include "EventNames.h"
+
+namespace FileNotifyCli {
+
+namespace {
+
+constexpr unsigned int kAccess = 0x1;
+constexpr unsigned int kOpen = 0x20;
+// Fanotify reports folder events only with this bit; inotify sets it itself.
+constexpr unsigned int kOnDirectory = 0x40000000;
+
+}  // namespace
+
+unsigned int CliSettings::RequestMask() const {
+    if (mode == Mode::Guard) return events != 0 ? (events & (kAccess | kOpen)) : kOpen;
+    const unsigned int mask = events != 0 ? events : DefaultWatchMask();
+    return process ? (mask | kOnDirectory) : mask;
+}
+
+Engine::_FileNotifyOpt CliSettings::RequestOptions() const {
+    Engine::_FileNotifyOpt opt;
+    // A folder's fanotify mark reports its children only when recursive.
+    opt.watchChildFolder = recursive || mode == Mode::Guard;
+    opt.watchSymLink = followSymlinks;
+    opt.onlyDir = onlyDir;
+    opt.wholeMount = mount;
+    opt.permit = mode == Mode::Guard;
+    opt.simulateCreate = !noInitialCreate;
+    opt.ignorePath = exclude;
+    opt.ignoreFileExt = excludeExt;
+    opt.fillStat = stat;
+    opt.inotifyOnly = !NeedsFanotify();
+    return opt;
+}
+
+}  // namespace FileNotifyCli
