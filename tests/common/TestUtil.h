@@ -1,6 +1,8 @@
 #pragma once
 
+#include <fcntl.h>
 #include <ftw.h>
+#include <sys/stat.h>
 #include <stdlib.h>
 #include <unistd.h>
 
@@ -59,6 +61,19 @@ inline bool WaitUntil(const std::function<bool()>& cond,
         std::this_thread::sleep_for(std::chrono::milliseconds(1));
     }
     return true;
+}
+
+// File-system actions that must succeed for a test to mean anything.
+inline void MakeDir(const std::string& path) {
+    ASSERT_EQ(0, ::mkdir(path.c_str(), 0755)) << path;
+}
+inline void Touch(const std::string& path) {
+    const int fd = ::open(path.c_str(), O_CREAT | O_WRONLY | O_CLOEXEC, 0644);
+    ASSERT_GE(fd, 0) << path;
+    ::close(fd);
+}
+inline void Rename(const std::string& from, const std::string& to) {
+    ASSERT_EQ(0, ::rename(from.c_str(), to.c_str())) << from << " -> " << to;
 }
 
 // The integer at the start of a file such as /proc/sys/fs/inotify/*; -1

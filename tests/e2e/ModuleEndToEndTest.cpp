@@ -18,7 +18,6 @@
 #include "ChildProcess.h"
 #include "FileNotifyLog.h"
 #include "FileNotifyWatchMessage.h"
-#include "InotifyTestUtil.h"
 #include "LogCapture.h"
 #include "RecordingConsumer.h"
 #include "TestUtil.h"

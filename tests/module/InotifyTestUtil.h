@@ -13,21 +13,9 @@
 #include <gtest/gtest.h>
 
 #include "FileInotify.h"
+#include "TestUtil.h"
 
 namespace TestUtil {
-
-// File-system actions that must succeed for a test to mean anything.
-inline void MakeDir(const std::string& path) {
-    ASSERT_EQ(0, ::mkdir(path.c_str(), 0755)) << path;
-}
-inline void Touch(const std::string& path) {
-    const int fd = ::open(path.c_str(), O_CREAT | O_WRONLY | O_CLOEXEC, 0644);
-    ASSERT_GE(fd, 0) << path;
-    ::close(fd);
-}
-inline void Rename(const std::string& from, const std::string& to) {
-    ASSERT_EQ(0, ::rename(from.c_str(), to.c_str())) << from << " -> " << to;
-}
 
 // What an inotify instance handed to its receiver, copied out of the buffer.
 struct InotifyRecord {

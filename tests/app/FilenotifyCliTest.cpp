@@ -1,0 +1,305 @@
+#include <fcntl.h>
+#include <poll.h>
+#include <signal.h>
+#include <sys/prctl.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <linux/capability.h>
+#include <sys/fanotify.h>
+
+#include <chrono>
+#include <fstream>
+#include <functional>
+#include <string>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+#include <Poco/JSON/Object.h>
+#include <Poco/JSON/Parser.h>
+
+#include "ChildProcess.h"
+#include "TestUtil.h"
+
+using std::chrono::milliseconds;
+using std::chrono::steady_clock;
+
+namespace {
+
+using JsonLines = std::vector<Poco::JSON::Object::Ptr>;
+
+// The command running in a child process, its stdout and stderr read
+// through pipes as lines.
+class Cli {
+public:
+    explicit Cli(const std::vector<std::string>& args, bool withoutCapSysAdmin = false) {
+        int out[2];
+        int err[2];
+        if (::pipe2(out, O_CLOEXEC) != 0 || ::pipe2(err, O_CLOEXEC) != 0) return;
+        std::vector<char*> argv;
+        std::string binary = FN_CLI_PATH;
+        argv.push_back(binary.data());
+        std::vector<std::string> copies(args);
+        for (auto& arg : copies)
+            argv.push_back(arg.data());
+        argv.push_back(nullptr);
+        _pid = ::fork();
+        if (_pid == 0) {
+            ::dup2(out[1], 1);
+            ::dup2(err[1], 2);
+            // Without the capability even for root: it leaves the bounding set.
+            if (withoutCapSysAdmin && ::prctl(PR_CAPBSET_DROP, CAP_SYS_ADMIN, 0, 0, 0) != 0) ::_exit(99);
+            ::execv(argv[0], argv.data());
+            ::_exit(98);
+        }
+        ::close(out[1]);
+        ::close(err[1]);
+        _out = out[0];
+        _err = err[0];
+    }
+    ~Cli() {
+        if (_pid > 0 && _status < 0) {
+            ::kill(_pid, SIGKILL);
+            ::waitpid(_pid, nullptr, 0);
+        }
+        ::close(_out);
+        ::close(_err);
+    }
+
+    // Reads lines until one of the stream satisfies match; false after the time-out.
+    bool WaitLine(bool fromStderr, const std::function<bool(const std::string&)>& match,
+                  milliseconds timeout = milliseconds(10000)) {
+        std::vector<std::string>& lines = fromStderr ? errLines : outLines;
+        std::size_t seen = 0;
+        const auto deadline = steady_clock::now() + timeout;
+        for (;;) {
+            for (; seen < lines.size(); ++seen)
+                if (match(lines[seen])) return true;
+            const auto left = std::chrono::duration_cast<milliseconds>(deadline - steady_clock::now());
+            if (left.count() <= 0 || !ReadSome(static_cast<int>(left.count()))) return false;
+        }
+    }
+    bool WaitStderr(const std::string& text) {
+        return WaitLine(true, [&](const std::string& line) { return line.find(text) != std::string::npos; });
+    }
+    // The JSON lines of stdout so far, parsed; waits until cond holds on them.
+    bool WaitJson(const std::function<bool(const std::vector<Poco::JSON::Object::Ptr>&)>& cond) {
+        std::vector<Poco::JSON::Object::Ptr> objects;
+        return WaitLine(false, [&](const std::string& line) {
+            objects.push_back(Poco::JSON::Parser().parse(line).extract<Poco::JSON::Object::Ptr>());
+            return cond(objects);
+        });
+    }
+    void Signal(int signal) const { ::kill(_pid, signal); }
+    // The exit code, or -1 when it has not ended within the time-out.
+    int Exit(milliseconds timeout = milliseconds(10000)) {
+        TestUtil::WaitUntil(
+            [&] {
+                int status = 0;
+                if (_status < 0 && ::waitpid(_pid, &status, WNOHANG) == _pid) _status = status;
+                return _status >= 0;
+            },
+            timeout);
+        while (ReadSome(0)) {
+        }
+        return _status >= 0 && WIFEXITED(_status) ? WEXITSTATUS(_status) : -1;
+    }
+    std::string Stderr() const {
+        std::string all;
+        for (const auto& line : errLines) all += line + "\n";
+        return all;
+    }
+
+    std::vector<std::string> outLines;
+    std::vector<std::string> errLines;
+
+private:
+    // Waits up to timeoutMs for output and splits what came into lines.
+    bool ReadSome(int timeoutMs) {
+        pollfd fds[2] = {{_out, POLLIN, 0}, {_err, POLLIN, 0}};
+        if (::poll(fds, 2, timeoutMs) <= 0) return false;
+        bool got = false;
+        for (int i = 0; i < 2; ++i) {
+            if ((fds[i].revents & (POLLIN | POLLHUP)) == 0) continue;
+            char buffer[4096];
+            const ssize_t n = ::read(fds[i].fd, buffer, sizeof buffer);
+            if (n <= 0) continue;
+            got = true;
+            std::string& partial = i == 0 ? _outPartial : _errPartial;
+            partial.append(buffer, static_cast<std::size_t>(n));
+            for (std::size_t end; (end = partial.find('\n')) != std::string::npos; partial.erase(0, end + 1))
+                (i == 0 ? outLines : errLines).push_back(partial.substr(0, end));
+        }
+        return got;
+    }
+
+    pid_t _pid = -1;
+    int _out = -1;
+    int _err = -1;
+    int _status = -1;
+    std::string _outPartial;
+    std::string _errPartial;
+};
+
+bool FanotifyUsable() {
+    const int fd = ::fanotify_init(FAN_CLASS_CONTENT | FAN_CLOEXEC, O_RDONLY);
+    if (fd < 0) return false;
+    ::close(fd);
+    return true;
+}
+
+std::string Get(const Poco::JSON::Object::Ptr& object, const std::string& key) {
+    return object->has(key) ? object->getValue<std::string>(key) : std::string();
+}
+
+bool HasEvent(const std::vector<Poco::JSON::Object::Ptr>& objects, const std::string& path, const std::string& name) {
+    for (const auto& object : objects) {
+        if (Get(object, "path") != path) continue;
+        for (const auto& event : *object->getArray("events"))
+            if (event.toString() == name) return true;
+    }
+    return false;
+}
+
+TEST(FilenotifyCli, WatchPrintsEveryKindOfEventAsValidJson) {
+    TestUtil::TempDir dir;
+    const std::string d = dir.path().substr(0, dir.path().size() - 1);
+    Cli cli({"watch", "-r", "--json", "--no-initial-create", d});
+    ASSERT_TRUE(cli.WaitStderr("watching 1 path (0 pending)")) << cli.Stderr();
+
+    TestUtil::MakeDir(d + "/sub");
+    ASSERT_TRUE(cli.WaitJson([&](const JsonLines& all) { return HasEvent(all, d + "/sub", "ISDIR"); }));
+    std::ofstream(d + "/sub/f") << "x";
+    TestUtil::Rename(d + "/sub/f", d + "/sub/g");
+    ASSERT_EQ(0, ::unlink((d + "/sub/g").c_str()));
+    const std::string hostile = "quote\" new\nline \xe9\xff";
+    TestUtil::Touch(d + "/" + hostile);
+    ASSERT_TRUE(cli.WaitJson([&](const JsonLines& all) {
+        return HasEvent(all, d + "/sub/f", "CLOSE_WRITE") && HasEvent(all, d + "/sub/g", "DELETE") &&
+               HasEvent(all, d + "/quote\" new\nline \xc3\xa9\xc3\xbf", "CREATE");
+    })) << ::testing::PrintToString(cli.outLines);
+    bool merged = false;
+    for (const auto& line : cli.outLines) {
+        const auto object = Poco::JSON::Parser().parse(line).extract<Poco::JSON::Object::Ptr>();
+        EXPECT_EQ("inotify", Get(object, "source"));
+        EXPECT_EQ(d, Get(object, "watch"));
+        EXPECT_FALSE(object->has("pid"));
+        if (Get(object, "to") == d + "/sub/g") merged = Get(object, "path") == d + "/sub/f";
+    }
+    EXPECT_TRUE(merged) << "the rename was not one event";
+
+    cli.Signal(SIGTERM);
+    EXPECT_EQ(0, cli.Exit());
+}
+
+TEST(FilenotifyCli, ExcludesPendingPathsCountAndTimeout) {
+    TestUtil::TempDir dir;
+    const std::string d = dir.path();
+    TestUtil::MakeDir(d + "skip");
+    Cli cli({"watch", "-r", "-e", "create", "--exclude", d + "skip", "--exclude-ext", "log", "-c", "3",
+             "--no-initial-create", d, d + "later"});
+    ASSERT_TRUE(cli.WaitStderr("watching 1 path (1 pending)")) << cli.Stderr();
+    EXPECT_TRUE(cli.WaitStderr(d + "later does not exist yet"));
+    TestUtil::Touch(d + "skip/x");
+    TestUtil::Touch(d + "a.log");
+    TestUtil::Touch(d + "a.txt");
+    TestUtil::MakeDir(d + "later");
+    // The pending path is watched by the module's timer, which counts passes
+    // of its loop: events make passes.
+    const auto deadline = steady_clock::now() + milliseconds(10000);
+    for (int i = 0; cli.outLines.size() < 3 && steady_clock::now() < deadline; ++i) {
+        TestUtil::Touch(d + "later/p" + std::to_string(i));
+        cli.WaitLine(false, [](const std::string&) { return true; }, milliseconds(20));
+    }
+    EXPECT_EQ(0, cli.Exit());  // -c 3: the third event ends it
+    ASSERT_EQ(3u, cli.outLines.size()) << ::testing::PrintToString(cli.outLines);
+    EXPECT_NE(std::string::npos, cli.outLines[0].find("CREATE " + d + "a.txt"));
+    for (const auto& line : cli.outLines) {
+        EXPECT_EQ(std::string::npos, line.find("skip/")) << line;
+        EXPECT_EQ(std::string::npos, line.find(".log")) << line;
+    }
+
+    Cli timed({"watch", "-t", "1", d});
+    EXPECT_EQ(0, timed.Exit());
+}
+
+TEST(FilenotifyCli, BadInputExitsWithItsCodeAndOneLine) {
+    struct {
+        std::vector<std::string> args;
+        int code;
+        const char* says;
+    } cases[] = {
+        {{"watch", "--bogus", "/tmp"}, 2, "Unknown option specified: bogus"},
+        {{"watch", "-e", "creat", "/tmp"}, 2, "valid names: access, modify"},
+        {{"watch", "-c", "0", "/tmp"}, 2, "--count needs a number above 0"},
+        {{"watch", "-t", "-5", "/tmp"}, 2, "--timeout needs a number above 0"},
+        {{"watch"}, 2, "watch needs at least one path"},
+        {{"list", "/tmp"}, 2, "unknown command 'list'"},
+        {{"watch", "--deny", "*", "/tmp"}, 2, "belong to guard"},
+        {{"watch", "--module", "/nonexistent/lib.so", "/tmp"}, 4, "cannot load the module /nonexistent/lib.so"},
+    };
+    for (const auto& c : cases) {
+        Cli cli(c.args);
+        EXPECT_EQ(c.code, cli.Exit()) << c.says;
+        EXPECT_NE(std::string::npos, cli.Stderr().find(c.says)) << cli.Stderr();
+    }
+    Cli help({"--help"});
+    EXPECT_EQ(0, help.Exit());
+    EXPECT_TRUE(help.WaitLine(false, [](const std::string& l) { return l.find("filenotify guard") != std::string::npos; },
+                              milliseconds(0)));
+
+    for (const auto& args : {std::vector<std::string>{"guard", "/tmp"}, {"watch", "-p", "/tmp"}}) {
+        Cli refused(args, true);
+        EXPECT_EQ(3, refused.Exit()) << args[0];
+        EXPECT_NE(std::string::npos, refused.Stderr().find("needs CAP_SYS_ADMIN")) << refused.Stderr();
+    }
+}
+
+TEST(FilenotifyCli, GuardDeniesWhatItIsToldAndAllowsTheRest) {
+    if (!FanotifyUsable()) GTEST_SKIP() << "guard needs CAP_SYS_ADMIN";
+    TestUtil::TempDir dir;
+    TestUtil::Touch(dir / "secret.key");
+    TestUtil::Touch(dir / "open.txt");
+    Cli cli({"guard", "--json", "--deny", "*.key", dir.path()});
+    ASSERT_TRUE(cli.WaitStderr("watching 1 path")) << cli.Stderr();
+
+    TestUtil::OpeningChild denied(dir / "secret.key");
+    ASSERT_TRUE(denied.Wait(milliseconds(5000)));
+    EXPECT_EQ(EPERM, denied.result());
+    TestUtil::OpeningChild allowed(dir / "open.txt");
+    ASSERT_TRUE(allowed.Wait(milliseconds(5000)));
+    EXPECT_EQ(0, allowed.result());
+    ASSERT_TRUE(cli.WaitJson([&](const JsonLines& all) {
+        std::string verdicts;
+        for (const auto& object : all) {
+            if (Get(object, "source") != "permission") continue;
+            if (object->getValue<int>("pid") == denied.pid()) verdicts += "key:" + Get(object, "verdict") + " ";
+            if (object->getValue<int>("pid") == allowed.pid()) verdicts += "txt:" + Get(object, "verdict") + " ";
+        }
+        return verdicts == "key:deny txt:allow ";
+    })) << ::testing::PrintToString(cli.outLines);
+    cli.Signal(SIGINT);
+    EXPECT_EQ(0, cli.Exit());
+}
+
+TEST(FilenotifyCli, ProcessModeNamesTheActingProcess) {
+    if (!FanotifyUsable()) GTEST_SKIP() << "-p needs CAP_SYS_ADMIN";
+    TestUtil::TempDir dir;
+    const std::string d = dir.path().substr(0, dir.path().size() - 1);
+    Cli cli({"watch", "-p", "-r", "--json", "--stat", "-e", "close_write", d});
+    ASSERT_TRUE(cli.WaitStderr("watching 1 path")) << cli.Stderr();
+    std::ofstream(d + "/f") << "12345";
+    ASSERT_TRUE(cli.WaitJson([&](const JsonLines& all) {
+        for (const auto& object : all) {
+            if (Get(object, "source") == "fanotify" && Get(object, "path") == d + "/f" &&
+                object->getValue<int>("pid") == ::getpid() && object->has("stat"))
+                return object->getObject("stat")->getValue<int>("size") == 5;
+        }
+        return false;
+    })) << ::testing::PrintToString(cli.outLines);
+    cli.Signal(SIGTERM);
+    EXPECT_EQ(0, cli.Exit());
+}
+
+}  // namespace
