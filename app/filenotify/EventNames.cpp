@@ -24,6 +24,16 @@ unsigned int DefaultWatchMask() {
     return 0x100 | 0x200 | 0x2 | 0x4 | 0x8 | 0x40 | 0x80 | 0x400 | 0x800;
 }
 
+std::string ValidEventNames() {
+    std::string valid;
+    for (const EventName& entry : EventNameTable()) {
+        if (!entry.selectable) continue;
+        if (!valid.empty()) valid += ", ";
+        valid += entry.name;
+    }
+    return valid;
+}
+
 unsigned int ParseEventNames(const std::string& list) {
     unsigned int mask = 0;
     Poco::StringTokenizer names(list, ",", Poco::StringTokenizer::TOK_TRIM | Poco::StringTokenizer::TOK_IGNORE_EMPTY);
@@ -33,13 +43,9 @@ unsigned int ParseEventNames(const std::string& list) {
         for (const EventName& entry : EventNameTable()) {
             if (entry.selectable && name == entry.name) bits = entry.mask;
         }
-        if (bits == 0) {
-            std::string valid;
-            for (const EventName& entry : EventNameTable()) {
-                if (entry.selectable) valid += (valid.empty() ? "" : ", ") + std::string(entry.name);
-            }
-            throw Poco::InvalidArgumentException("unknown event name '" + typed + "'; valid names: " + valid);
-        }
+        if (bits == 0)
+            throw Poco::InvalidArgumentException("unknown event name '" + typed +
+                                                 "'; valid names: " + ValidEventNames());
         mask |= bits;
     }
     if (mask == 0) throw Poco::InvalidArgumentException("-e needs at least one event name");
@@ -50,7 +56,8 @@ std::vector<std::string> EventNameListOf(unsigned int mask) {
     std::vector<std::string> names;
     for (const EventName& entry : EventNameTable()) {
         // Single bits only: the aliases would repeat what is listed.
-        if ((entry.mask & (entry.mask - 1)) == 0 && (mask & entry.mask) != 0) names.push_back(Poco::toUpper(std::string(entry.name)));
+        if ((entry.mask & (entry.mask - 1)) == 0 && (mask & entry.mask) != 0)
+            names.push_back(Poco::toUpper(std::string(entry.name)));
     }
     return names;
 }

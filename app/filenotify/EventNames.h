@@ -19,6 +19,9 @@ const std::vector<EventName>& EventNameTable();
 // The default of `watch`: what changes a file or a tree.
 unsigned int DefaultWatchMask();
 
+// The names that -e takes, comma-separated.
+std::string ValidEventNames();
+
 // The mask of a comma-separated list of names, case-insensitive. Throws
 // Poco::InvalidArgumentException naming the bad entry and the valid names.
 unsigned int ParseEventNames(const std::string& list);

@@ -11,6 +11,7 @@
 #include <cstring>
 #include <ctime>
 #include <iostream>
+#include <system_error>
 
 #include <Poco/AutoPtr.h>
 #include <Poco/ConsoleChannel.h>
@@ -30,8 +31,8 @@
 #include "EventPrinter.h"
 #include "FileNotifyUtils.h"
 #include "FileNotifyWatchMessage.h"
-#include "WatchLimitTap.h"
 #include "WatchConsumer.h"
+#include "WatchLimitTap.h"
 #include "framework/ConfigManager.h"
 #include "framework/ModuleHost.h"
 #include "framework/TaskRunner.h"
@@ -67,10 +68,10 @@ std::string FanotifyRefusal() {
         return std::string();
     }
     if (errno == EPERM) {
-        return "needs CAP_SYS_ADMIN for fanotify (fanotify_init: " + std::string(std::strerror(EPERM)) +
+        return "needs CAP_SYS_ADMIN for fanotify (fanotify_init: " + std::generic_category().message(EPERM) +
                "); run it as root or grant the capability";
     }
-    return "cannot use fanotify on this kernel (fanotify_init: " + std::string(std::strerror(errno)) + ")";
+    return "cannot use fanotify on this kernel (fanotify_init: " + std::generic_category().message(errno) + ")";
 }
 
 class FileNotifyApp : public Poco::Util::ServerApplication {
@@ -119,8 +120,8 @@ private:
 
 void FileNotifyApp::defineOptions(Poco::Util::OptionSet& options) {
     ServerApplication::defineOptions(options);
-    options.addOption(Flag("recursive", "r", "watch whole trees, following folders as they come and go",
-                           &CliSettings::recursive));
+    options.addOption(
+        Flag("recursive", "r", "watch whole trees, following folders as they come and go", &CliSettings::recursive));
     options.addOption(Value("event", "e", "events to report, comma-separated (see below); repeatable", "NAMES"));
     options.addOption(Flag("process", "p", "report access, modify, close and open through fanotify, with pid and exe",
                            &CliSettings::process));
@@ -140,15 +141,15 @@ void FileNotifyApp::defineOptions(Poco::Util::OptionSet& options) {
     options.addOption(Value("output", "o", "append the lines to FILE instead of stdout", "FILE"));
     options.addOption(Value("count", "c", "exit after N events", "N"));
     options.addOption(Value("timeout", "t", "exit after SECONDS", "SECONDS"));
-    options.addOption(Value("log-level", "", "module log records from this level to stderr (default warning)",
-                            "LEVEL"));
+    options.addOption(
+        Value("log-level", "", "module log records from this level to stderr (default warning)", "LEVEL"));
     options.addOption(Value("log-file", "", "write the log to a rotating FILE instead of stderr", "FILE"));
     options.addOption(Value("home", "", "installation folder holding conf/ (default: the binary's parent)", "DIR"));
     options.addOption(Value("module", "", "module library (default: ../lib/libfilenotify_module.so)", "PATH"));
     options.addOption(Option("version", "", "print the version and exit")
                           .callback(OptionCallback<FileNotifyApp>(this, &FileNotifyApp::OnValue)));
-    options.addOption(
-        Option("help", "h", "print this help and exit").callback(OptionCallback<FileNotifyApp>(this, &FileNotifyApp::OnHelp)));
+    options.addOption(Option("help", "h", "print this help and exit")
+                          .callback(OptionCallback<FileNotifyApp>(this, &FileNotifyApp::OnHelp)));
 }
 
 void FileNotifyApp::OnValue(const std::string& name, const std::string& value) {
@@ -196,11 +197,7 @@ void FileNotifyApp::OnHelp(const std::string&, const std::string&) {
         "watch: print file events of the paths (inotify; -p adds fanotify with the acting process).\n"
         "guard: ask for every open of the files in each folder and deny what --deny or --deny-exe names "
         "(fanotify, needs CAP_SYS_ADMIN).");
-    std::string names;
-    for (const EventName& entry : EventNameTable()) {
-        if (entry.selectable) names += std::string(names.empty() ? "" : ", ") + entry.name;
-    }
-    help.setFooter("Event names: " + names +
+    help.setFooter("Event names: " + ValidEventNames() +
                    ".\nExamples:\n  filenotify watch -r -e create,delete,move /srv/data\n"
                    "  filenotify guard --deny '*.key' --json -o /var/log/guard.jsonl /etc/ssl/private");
     help.setUnixStyle(true);
@@ -280,8 +277,8 @@ int FileNotifyApp::WaitForStop() {
     struct timespec timeout {};
     timeout.tv_sec = _settings.timeoutSeconds;
     for (;;) {
-        const int signal = _settings.timeoutSeconds > 0 ? ::sigtimedwait(&set, nullptr, &timeout)
-                                                        : ::sigwaitinfo(&set, nullptr);
+        const int signal =
+            _settings.timeoutSeconds > 0 ? ::sigtimedwait(&set, nullptr, &timeout) : ::sigwaitinfo(&set, nullptr);
         if (signal > 0 || errno == EAGAIN) return 0;  // EAGAIN: the time-out passed
     }
 }
@@ -306,15 +303,16 @@ int FileNotifyApp::main(const std::vector<std::string>& args) {
     }
     EventPrinter printer(_settings.json, _settings.output);
     if (!printer.IsOpen()) {
-        std::cerr << "filenotify: cannot open " << _settings.output << ": " << std::strerror(errno) << std::endl;
+        std::cerr << "filenotify: cannot open " << _settings.output << ": " << std::generic_category().message(errno)
+                  << std::endl;
         return kExitUsage;
     }
     ConfigureAgent();
     WatchLimitTap tap;
-    const std::string module = _settings.module.empty()
-                                   ? Poco::Path(BinaryFolder()).parent().pushDirectory("lib").setFileName(
-                                                                              "libfilenotify_module.so").toString()
-                                   : _settings.module;
+    const std::string module =
+        _settings.module.empty()
+            ? Poco::Path(BinaryFolder()).parent().pushDirectory("lib").setFileName("libfilenotify_module.so").toString()
+            : _settings.module;
     Framework::ModuleHost host;
     std::string error;
     if (host.Load(module, error) != 0 || host.Start(error) != 0) {

@@ -62,7 +62,7 @@ void FileNotifyWatchMessage::handlerParmOpt() {
         m_opt.ignorePath.clear();
     }
     for (std::string& ending : m_opt.ignoreFileExt)
-        ending = "." + ending;
+        ending.insert(0, 1, '.');
 }
 
 unsigned int FileNotifyWatchMessage::GetFanNotifyPermitMask() const {
