@@ -38,6 +38,7 @@
 
 #include <Poco/AutoPtr.h>
 
+#include "BenchUtil.h"
 #include "FileNotifyLimit.h"
 #include "FileNotifyMessage.h"
 #include "FileNotifyTask.h"
@@ -148,24 +149,7 @@ long NeededMaxUserWatches() {
 
 // ---- file system -----------------------------------------------------------
 
-// A fresh folder, removed with its contents. path() ends in "/".
-class TempDir {
-public:
-    TempDir(const char* base, const char* prefix) {
-        std::string name = std::string(base) + prefix + "XXXXXX";
-        if (::mkdtemp(name.data()) != nullptr) _path = name + "/";
-    }
-    ~TempDir() {
-        std::error_code ignored;
-        if (!_path.empty()) std::filesystem::remove_all(_path, ignored);
-    }
-    TempDir(const TempDir&) = delete;
-    TempDir& operator=(const TempDir&) = delete;
-    const std::string& path() const { return _path; }
-
-private:
-    std::string _path;
-};
+using BenchUtil::TempDir;
 
 std::unique_ptr<TempDir> g_tree;
 

@@ -31,6 +31,7 @@
 
 #include <Poco/AutoPtr.h>
 
+#include "BenchUtil.h"
 #include "FileNotifyMessage.h"
 #include "FileNotifyWatchMessage.h"
 #include "MixedTask.h"
@@ -57,24 +58,7 @@ double PercentileUs(std::vector<long long> v, double p) {
     return static_cast<double>(v[k]) / 1000.0;
 }
 
-// A fresh folder, removed with its contents. path() ends in "/".
-class TempDir {
-public:
-    explicit TempDir(const char* prefix) {
-        std::string name = std::string(kBase) + prefix + "XXXXXX";
-        if (::mkdtemp(name.data()) != nullptr) _path = name + "/";
-    }
-    ~TempDir() {
-        std::error_code ignored;
-        if (!_path.empty()) std::filesystem::remove_all(_path, ignored);
-    }
-    TempDir(const TempDir&) = delete;
-    TempDir& operator=(const TempDir&) = delete;
-    const std::string& path() const { return _path; }
-
-private:
-    std::string _path;
-};
+using BenchUtil::TempDir;
 
 // Stamps the arrival of the one event it is told to await.
 class LatencyConsumer : public Engine::MixedTask {
@@ -158,7 +142,7 @@ Engine::_FileNotifyOpt Options(bool fanotify) {
 }
 
 void BM_RequestRoundTrip(benchmark::State& state) {
-    const TempDir dir("fn_bench_requests_");
+    const TempDir dir(kBase, "fn_bench_requests_");
     Session session;
     std::string error = dir.path().empty() ? "cannot make the folder" : session.Start();
     const std::string file = dir.path() + "watched";
@@ -208,7 +192,7 @@ void BM_EventLatency(benchmark::State& state, bool fanotify) {
         if (probe < 0) return state.SkipWithError("fanotify needs CAP_SYS_ADMIN");
         ::close(probe);
     }
-    const TempDir dir("fn_bench_events_");
+    const TempDir dir(kBase, "fn_bench_events_");
     Session session;
     std::string error = dir.path().empty() ? "cannot make the folder" : session.Start();
     // One bit for both engines; opt.inotifyOnly tells which one serves it.
