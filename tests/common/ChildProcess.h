@@ -2,6 +2,7 @@
 
 #include <fcntl.h>
 #include <signal.h>
+#include <sys/fanotify.h>
 #include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -9,6 +10,7 @@
 #include <cerrno>
 #include <chrono>
 #include <string>
+#include <system_error>
 
 #include "TestUtil.h"
 
@@ -64,5 +66,14 @@ private:
     bool _done = false;
     int _result = -1;
 };
+
+// Why this process cannot open a fanotify permission group (it needs
+// CAP_SYS_ADMIN), or empty when it can: tests skip with this reason.
+inline std::string FanotifyMissing() {
+    const int fd = ::fanotify_init(FAN_CLASS_CONTENT | FAN_CLOEXEC, O_RDONLY);
+    if (fd < 0) return "fanotify_init refused (" + std::generic_category().message(errno) + "): needs CAP_SYS_ADMIN";
+    ::close(fd);
+    return std::string();
+}
 
 }  // namespace TestUtil

@@ -2,8 +2,8 @@
 
 #include <fcntl.h>
 #include <ftw.h>
-#include <sys/stat.h>
 #include <stdlib.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <chrono>

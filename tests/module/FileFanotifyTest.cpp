@@ -36,18 +36,10 @@ using TestUtil::RecordingConsumer;
 
 namespace {
 
-// Why this process cannot open a permission group, or empty when it can.
-std::string FanotifyMissing() {
-    const int fd = ::fanotify_init(FAN_CLASS_CONTENT | FAN_CLOEXEC, O_RDONLY);
-    if (fd < 0) return std::string("fanotify_init refused (") + std::strerror(errno) + "): needs CAP_SYS_ADMIN";
-    ::close(fd);
-    return std::string();
-}
-
-#define REQUIRE_FANOTIFY()                             \
-    do {                                               \
-        const std::string missing = FanotifyMissing(); \
-        if (!missing.empty()) GTEST_SKIP() << missing; \
+#define REQUIRE_FANOTIFY()                                       \
+    do {                                                         \
+        const std::string missing = TestUtil::FanotifyMissing(); \
+        if (!missing.empty()) GTEST_SKIP() << missing;           \
     } while (0)
 
 Engine::_FileNotifyOpt Options(unsigned int mask, bool children) {
@@ -60,21 +52,6 @@ Engine::_FileNotifyOpt Options(unsigned int mask, bool children) {
 
 bool IsClosed(int fd) {
     return ::fcntl(fd, F_GETFD) < 0 && errno == EBADF;
-}
-
-TEST(FileFanotify, MarkFlagsFollowTheOptions) {
-    struct {
-        bool symLink, onlyDir, mount;
-        unsigned int add, remove;
-    } cases[] = {{false, false, false, 0x05, 0x02}, {true, true, true, 0x19, 0x12}, {false, true, false, 0x0d, 0x02}};
-    for (const auto& c : cases) {
-        Engine::_FileNotifyOpt opt;
-        opt.watchSymLink = c.symLink;
-        opt.onlyDir = c.onlyDir;
-        opt.wholeMount = c.mount;
-        EXPECT_EQ(c.add, FileFanotify::AddMarkFlags(opt));
-        EXPECT_EQ(c.remove, FileFanotify::RemoveMarkFlags(opt));
-    }
 }
 
 TEST(FileFanotify, MisuseIsLoggedNotFatal) {
@@ -169,7 +146,7 @@ TEST(FileFanotify, RecordWalkChecksEveryLengthAndClosesDescriptors) {
 class FanotifyTaskTest : public ::testing::Test {
 protected:
     void SetUp() override {
-        const std::string missing = FanotifyMissing();
+        const std::string missing = TestUtil::FanotifyMissing();
         if (!missing.empty()) GTEST_SKIP() << missing;
     }
     void Register(RecordingConsumer& consumer) {

@@ -31,27 +31,3 @@ TEST(FileNotifyTask, StopsPromptlyDuringItsLongWait) {
     EXPECT_LT(steady_clock::now() - start, milliseconds(2000));
     EXPECT_EQ(Poco::Task::TASK_FINISHED, task->state());
 }
-
-TEST(FileNotifyTask, RegisteredConsumerReceivesFileEvents) {
-    Poco::AutoPtr<Engine::FileNotifyTask> task(new Engine::FileNotifyTask());
-    Poco::AutoPtr<RecordingConsumer> consumer(new RecordingConsumer());
-    Framework::TaskRunner consumerRunner(consumer.get());
-    ASSERT_EQ(0, consumerRunner.Start());
-
-    TestUtil::LogCapture log(Engine::FileNotifyUtils::GetLoggerPtr());
-    EXPECT_EQ(0, task->AddFileNotifyMsgConsumer(consumer->GetTaskId(), nullptr));
-    EXPECT_TRUE(log.Has(Engine::LOG_ERROR, "watcher is NULL taskId=" + std::to_string(consumer->GetTaskId())))
-        << log.Dump();
-    EXPECT_EQ(Framework::MSG_ERR_UNKNOWN_TASK,
-              task->SendMsg(consumer->GetTaskId(), "f", new Engine::FileNotifyMessage(0, "/tmp/x/", 0x100)));
-
-    ASSERT_EQ(0, task->AddFileNotifyMsgConsumer(consumer->GetTaskId(), consumer.get()));
-    EXPECT_TRUE(log.Has(Engine::LOG_DEBUG,
-                        "AddFileNotifyMsgConsumer AddConsumer taskId=" + std::to_string(consumer->GetTaskId())));
-    EXPECT_EQ(0,
-              task->AddFileNotifyMsgConsumer(consumer->GetTaskId(), consumer.get()));  // every request registers again
-    ASSERT_EQ(0, task->SendMsg(consumer->GetTaskId(), "f", new Engine::FileNotifyMessage(0, "/tmp/x/", 0x100)));
-    ASSERT_EQ(0, task->SendMsg(consumer->GetTaskId(), "f", new Engine::FileNotifyMessage(1, "/tmp/y", 0x2)));
-    ASSERT_TRUE(TestUtil::WaitUntil([&] { return consumer->Count() == 2; }));
-    EXPECT_EQ((std::vector<std::string>{"/tmp/x 0x100", "/tmp/y 0x2"}), consumer->Summary());
-}
