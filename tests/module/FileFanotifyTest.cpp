@@ -54,6 +54,21 @@ bool IsClosed(int fd) {
     return ::fcntl(fd, F_GETFD) < 0 && errno == EBADF;
 }
 
+TEST(FileFanotify, MarkFlagsFollowTheOptions) {
+    struct {
+        bool symLink, onlyDir, mount;
+        unsigned int add, remove;
+    } cases[] = {{false, false, false, 0x05, 0x02}, {true, true, true, 0x19, 0x12}, {false, true, false, 0x0d, 0x02}};
+    for (const auto& c : cases) {
+        Engine::_FileNotifyOpt opt;
+        opt.watchSymLink = c.symLink;
+        opt.onlyDir = c.onlyDir;
+        opt.wholeMount = c.mount;
+        EXPECT_EQ(c.add, FileFanotify::AddMarkFlags(opt));
+        EXPECT_EQ(c.remove, FileFanotify::RemoveMarkFlags(opt));
+    }
+}
+
 TEST(FileFanotify, MisuseIsLoggedNotFatal) {
     REQUIRE_FANOTIFY();
     TestUtil::LogCapture log(Engine::FileNotifyUtils::GetLoggerPtr());
