@@ -221,8 +221,14 @@ int FileNotifyApp::CheckArguments(const std::vector<std::string>& args) {
         return Usage("--deny, --deny-exe and --dry-run belong to guard");
     }
     if (guard && (_settings.events & ~0x21U) != 0) return Usage("guard reports open and access only");
+    // Against the folder it was started in: --daemon moves to "/" before this.
+    const auto absolute = [this](const std::string& path) {
+        return path.empty() ? path : Poco::Path(_startDir).resolve(Poco::Path(path)).toString();
+    };
     for (std::size_t i = 1; i < args.size(); ++i)
-        _settings.paths.push_back(Poco::Path(_startDir).resolve(Poco::Path(args[i])).toString());
+        _settings.paths.push_back(absolute(args[i]));
+    _settings.output = absolute(_settings.output);
+    _settings.logFile = absolute(_settings.logFile);
     return 0;
 }
 
