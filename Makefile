@@ -53,6 +53,7 @@ bench: build
 	$(BUILD)/bin/framework_bench --benchmark_min_time=0.5
 	$(BUILD)/bin/inotify_bench
 	$(BUILD)/bin/module_bench
+	$(BUILD)/bin/fanotify_bench
 
 format:
 	git ls-files '*.cpp' '*.h' | xargs clang-format -i
