@@ -42,6 +42,7 @@
 #include "FileNotifyMessage.h"
 #include "FileNotifyWatchMessage.h"
 #include "MixedTask.h"
+#include "ModuleSession.h"
 #include "framework/ModuleHost.h"
 #include "framework/TaskRunner.h"
 
@@ -142,19 +143,8 @@ private:
 };
 
 // The loaded module and a running consumer registered with it.
-class Session {
+class Session : public BenchUtil::ModuleSession<CountingConsumer> {
 public:
-    std::string Start() {
-        std::string error;
-        if (_host.Load(FN_MODULE_PATH, error) != 0 || _host.Start(error) != 0) return error;
-        if (_runner.Start() != 0) return "consumer did not start";
-        _moduleId = _consumer->AddConsumerByName("filenotify_task", "f");
-        return _moduleId > 0 ? std::string() : "filenotify_task not found";
-    }
-    ~Session() {
-        _host.Stop();  // closes the module's groups: nothing stays held
-        _runner.Stop();
-    }
     // Adds or removes a fanotify watch on folder's files; true when done.
     bool Watch(const std::string& folder, unsigned int mask, bool permit, bool remove) {
         Engine::_FileNotifyOpt opt;
@@ -162,20 +152,12 @@ public:
         opt.inotifyOnly = false;
         opt.watchChildFolder = true;
         opt.simulateCreate = false;
-        auto* request = permit && remove ? new Engine::FileNotifyWatchMessage(_consumer.get(), folder, true)
-                                         : new Engine::FileNotifyWatchMessage(_consumer.get(), folder, {mask}, opt);
+        auto* request = permit && remove ? new Engine::FileNotifyWatchMessage(&consumer(), folder, true)
+                                         : new Engine::FileNotifyWatchMessage(&consumer(), folder, {mask}, opt);
         if (remove && !permit) request->setRemoveWatchMessage();
         std::string reply;
-        return _consumer->SyncSendMsg(static_cast<unsigned long>(_moduleId), "f", request, reply, 5000, 1) == 0 &&
-               (remove || std::atoi(reply.c_str()) > 0);
+        return Send(request, reply) == 0 && (remove || std::atoi(reply.c_str()) > 0);
     }
-    CountingConsumer& consumer() { return *_consumer; }
-
-private:
-    Framework::ModuleHost _host;
-    Poco::AutoPtr<CountingConsumer> _consumer{new CountingConsumer()};
-    Framework::TaskRunner _runner{_consumer.get()};
-    int _moduleId = 0;
 };
 
 // Forks a child that opens and closes path kOpens times. Its loop time in
@@ -263,7 +245,8 @@ void BM_PermitOverhead(benchmark::State& state) {
     const TempDir dir(kBase, "fn_bench_permit_");
     const std::string file = dir.path() + "guarded";
     Session session;  // after dir: its marks go before the folder
-    std::string error = dir.path().empty() || !std::ofstream(file) ? "cannot make the file" : session.Start();
+    std::string error =
+        dir.path().empty() || !std::ofstream(file) ? "cannot make the file" : session.Start(FN_MODULE_PATH);
     double none = 0, module = 0, plain = 0;
     for (auto _ : state) {
         if (error.empty() && (none = ChildOpenLoop(file.c_str())) < 0) error = "no-mark loop failed or timed out";
@@ -379,7 +362,7 @@ double ModuleDelivery(Session& session, const std::string& folder, long& records
 void BM_NotifyDelivery(benchmark::State& state) {
     const TempDir dir(kBase, "fn_bench_notify_");
     Session session;
-    std::string error = dir.path().empty() ? "cannot make the folder" : session.Start();
+    std::string error = dir.path().empty() ? "cannot make the folder" : session.Start(FN_MODULE_PATH);
     double moduleSeconds = 0, plainSeconds = 0;
     long moduleRecords = 0, plainRecords = 0;
     for (auto _ : state) {

@@ -35,6 +35,7 @@
 #include "FileNotifyMessage.h"
 #include "FileNotifyWatchMessage.h"
 #include "MixedTask.h"
+#include "ModuleSession.h"
 #include "framework/ModuleHost.h"
 #include "framework/TaskRunner.h"
 
@@ -101,36 +102,17 @@ private:
 };
 
 // The loaded module and a running consumer registered with it.
-class Session {
+class Session : public BenchUtil::ModuleSession<LatencyConsumer> {
 public:
-    // An empty string, or what went wrong.
-    std::string Start() {
-        std::string error;
-        if (_host.Load(FN_MODULE_PATH, error) != 0 || _host.Start(error) != 0) return error;
-        if (_runner.Start() != 0) return "consumer did not start";
-        _moduleId = _consumer->AddConsumerByName("filenotify_task", "f");
-        return _moduleId > 0 ? std::string() : "filenotify_task not found";
-    }
-    ~Session() {
-        _host.Stop();
-        _runner.Stop();
-    }
     Engine::FileNotifyWatchMessage* Request(const std::string& path, unsigned int mask,
                                             const Engine::_FileNotifyOpt& opt, bool remove) {
-        auto* request = new Engine::FileNotifyWatchMessage(_consumer.get(), path, {mask}, opt);
+        auto* request = new Engine::FileNotifyWatchMessage(&consumer(), path, {mask}, opt);
         if (remove) request->setRemoveWatchMessage();
         return request;
     }
     int Send(Framework::Message* request, std::string& reply) {
-        return _consumer->SyncSendMsg(static_cast<unsigned long>(_moduleId), "f", request, reply, kRequestTimeoutMs, 1);
+        return ModuleSession::Send(request, reply, kRequestTimeoutMs);
     }
-    LatencyConsumer& consumer() { return *_consumer; }
-
-private:
-    Framework::ModuleHost _host;
-    Poco::AutoPtr<LatencyConsumer> _consumer{new LatencyConsumer()};
-    Framework::TaskRunner _runner{_consumer.get()};
-    int _moduleId = 0;
 };
 
 Engine::_FileNotifyOpt Options(bool fanotify) {
@@ -144,7 +126,7 @@ Engine::_FileNotifyOpt Options(bool fanotify) {
 void BM_RequestRoundTrip(benchmark::State& state) {
     const TempDir dir(kBase, "fn_bench_requests_");
     Session session;
-    std::string error = dir.path().empty() ? "cannot make the folder" : session.Start();
+    std::string error = dir.path().empty() ? "cannot make the folder" : session.Start(FN_MODULE_PATH);
     const std::string file = dir.path() + "watched";
     if (error.empty() && !std::ofstream(file)) error = "cannot make the file";
     if (!error.empty()) return state.SkipWithError(error.c_str());
@@ -194,7 +176,7 @@ void BM_EventLatency(benchmark::State& state, bool fanotify) {
     }
     const TempDir dir(kBase, "fn_bench_events_");
     Session session;
-    std::string error = dir.path().empty() ? "cannot make the folder" : session.Start();
+    std::string error = dir.path().empty() ? "cannot make the folder" : session.Start(FN_MODULE_PATH);
     // One bit for both engines; opt.inotifyOnly tells which one serves it.
     static_assert(FAN_CLOSE_WRITE == IN_CLOSE_WRITE);
     const unsigned int mask = IN_CLOSE_WRITE;
