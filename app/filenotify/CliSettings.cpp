@@ -1,6 +1,7 @@
 #include "CliSettings.h"
 
 #include "EventNames.h"
+#include "FileNotifyWatchMessage.h"
 
 namespace FileNotifyCli {
 
@@ -8,15 +9,14 @@ namespace {
 
 constexpr unsigned int kAccess = 0x1;
 constexpr unsigned int kOpen = 0x20;
-// Fanotify reports folder events only with this bit; inotify sets it itself.
-constexpr unsigned int kOnDirectory = 0x40000000;
 
 }  // namespace
 
 unsigned int CliSettings::RequestMask() const {
     if (mode == Mode::Guard) return events != 0 ? (events & (kAccess | kOpen)) : kOpen;
     const unsigned int mask = events != 0 ? events : DefaultWatchMask();
-    return process ? (mask | kOnDirectory) : mask;
+    // Fanotify reports folder events only with the folder bit; inotify sets it itself.
+    return process ? (mask | Engine::FileNotifyWatchMessage::kOnDirectory) : mask;
 }
 
 Engine::_FileNotifyOpt CliSettings::RequestOptions() const {

@@ -5,22 +5,16 @@
 #include <utility>
 
 #include "FileNotifyMessage.h"
+#include "FileNotifyWatchMessage.h"
 
 namespace FileNotifyCli {
-
-namespace {
-
-constexpr unsigned int kDirectoryFlag = 0x40000000;
-constexpr unsigned int kPermissionBits = 0x10000 | 0x20000;
-
-}  // namespace
 
 WatchConsumer::WatchConsumer(const CliSettings& settings, EventPrinter& printer, std::function<void()> onCountReached)
     : Engine::MixedTask("filenotify_cli", "filenotify", Framework::TaskCondition::TASK_TYPE_EVENT, 65536),
       _settings(settings),
       _printer(printer),
       _onCountReached(std::move(onCountReached)),
-      _requested(settings.RequestMask() & ~kDirectoryFlag) {
+      _requested(settings.RequestMask() & ~Engine::FileNotifyWatchMessage::kOnDirectory) {
     for (const std::string& pattern : settings.deny)
         _deny.push_back(std::make_unique<Poco::Glob>(pattern));
 }
@@ -51,7 +45,8 @@ int WatchConsumer::FileNotifyMessageAction(Engine::FileNotifyMessage* message) {
     } else if (_settings.stat && ::lstat(message->GetEventFilePath().c_str(), &status) == 0) {
         known = &status;  // inotify events carry no status: take it now
     }
-    if ((message->GetEventMask() & kPermissionBits) == 0 || message->GetNotifyType() != 2) {
+    // Only permission requests (notify type 2) wait for an answer.
+    if (message->GetNotifyType() != 2) {
         _printer.Print(*message, known, nullptr);
         Counted();
         return 0;

@@ -17,8 +17,6 @@ namespace Engine {
 
 namespace {
 
-constexpr unsigned long long kPermissionBits = FAN_OPEN_PERM | FAN_ACCESS_PERM | FAN_OPEN_EXEC_PERM;
-
 // The record at data, copied out: records need not be aligned for the
 // 64-bit mask, and the callback gets a copy that it may not keep anyway.
 bool RecordAt(const char* data, long remaining, fanotify_event_metadata& record) {
@@ -194,7 +192,7 @@ void FileFanotify::ReleaseRest(const char* data, long length) const {
     fanotify_event_metadata record{};
     for (; RecordAt(data, length, record); data += record.event_len, length -= static_cast<long>(record.event_len)) {
         if (record.fd < 0) continue;
-        if (block && (record.mask & kPermissionBits) != 0) {
+        if (block && (record.mask & kFanPermissionBits) != 0) {
             const fanotify_response answer{record.fd, FAN_ALLOW};
             (void)!::write(_fd, &answer, sizeof answer);
         }

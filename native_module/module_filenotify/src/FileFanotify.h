@@ -83,6 +83,9 @@ private:
     unsigned long _overflowCount = 0;
 };
 
+// The bits of an event that holds its process until it is answered.
+constexpr unsigned int kFanPermissionBits = FAN_OPEN_PERM | FAN_ACCESS_PERM | FAN_OPEN_EXEC_PERM;
+
 // The debug record of a permission event of the agent's own process, which
 // is allowed at once.
 constexpr const char* kOwnAccessAllowedText = "allow own access at once, pid=%d";

@@ -1,5 +1,7 @@
 #include "FileFanotifyPermitReader.h"
 
+#include "FileFanotify.h"
+
 #include <poll.h>
 #include <sys/eventfd.h>
 #include <sys/fanotify.h>
@@ -14,7 +16,6 @@ namespace Engine {
 
 namespace {
 
-constexpr std::uint64_t kPermissionBits = FAN_OPEN_PERM | FAN_ACCESS_PERM | FAN_OPEN_EXEC_PERM;
 constexpr std::size_t kReadBufferSize = 8192;
 
 // The record header at data, or false when no whole record starts there.
@@ -90,7 +91,7 @@ void FileFanotifyPermitReader::Sort(const char* data, std::size_t length) {
     fanotify_event_metadata header{};
     const int self = static_cast<int>(::getpid());
     for (std::size_t at = 0; HeaderAt(data + at, length - at, header); at += header.event_len) {
-        if ((header.mask & kPermissionBits) != 0 && header.pid == self && header.fd >= 0) {
+        if ((header.mask & kFanPermissionBits) != 0 && header.pid == self && header.fd >= 0) {
             const fanotify_response answer{header.fd, FAN_ALLOW};
             WriteAll(_fanotifyFd, &answer, sizeof answer);
             ::close(header.fd);

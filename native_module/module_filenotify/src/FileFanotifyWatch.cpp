@@ -15,14 +15,6 @@ namespace Engine {
 
 namespace {
 
-// FAN_OPEN_EXEC_PERM too: the module never asks for it, but an event that
-// carries it would hold its process until answered.
-constexpr unsigned int kPermissionBits = FAN_OPEN_PERM | FAN_ACCESS_PERM | FAN_OPEN_EXEC_PERM;
-
-bool StartsWith(const std::string& text, const std::string& prefix) {
-    return prefix.size() <= text.size() && text.compare(0, prefix.size(), prefix) == 0;
-}
-
 std::string ExePathOf(unsigned int pid) {
     std::string exePath;
     bool deleted = false;
@@ -187,8 +179,8 @@ Notify_WatchItem* FileFanotifyWatch::GetPermitWatchItem(const std::string& event
         FN_CPU_YIELD();
         // A prefix either way, separators not considered: an opened folder
         // above a watched path is covered too.
-        const bool covered =
-            eventFile.size() >= path.size() ? StartsWith(eventFile, path) : StartsWith(path, eventFile);
+        const bool covered = eventFile.size() >= path.size() ? FileNotifyUtils::HasPrefix(eventFile, path)
+                                                             : FileNotifyUtils::HasPrefix(path, eventFile);
         if (covered) return record.get();
     }
     return nullptr;
@@ -268,7 +260,7 @@ int FileFanotifyWatch::DoPermitEvent(int /*fd*/, struct fanotify_event_metadata*
     const int eventFd = metadata->fd;
     const auto mask = static_cast<unsigned int>(metadata->mask);
     const auto pid = static_cast<unsigned int>(metadata->pid);
-    const bool isPermission = (mask & kPermissionBits) != 0;
+    const bool isPermission = (mask & kFanPermissionBits) != 0;
     // The agent's own accesses are never put to a consumer: the consumer may
     // be the very thread that waits, or the module thread itself.
     if (isPermission && metadata->pid == ::getpid()) {

@@ -518,7 +518,7 @@ int FileInotify::RefreshRemoveSubWatch(const _RefreshWatchItem* refreshItem) {
     std::vector<int> gone;
     for (const std::string& removed : refreshItem->removeSubFolders) {
         for (auto it = _subFolderMap.lower_bound(removed);
-             it != _subFolderMap.end() && it->first.compare(0, removed.size(), removed) == 0; ++it) {
+             it != _subFolderMap.end() && FileNotifyUtils::HasPrefix(it->first, removed); ++it) {
             FN_LOG(LOG_DEBUG, "remove file,watchFile=%s", it->first);
             gone.push_back(it->second);
         }

@@ -5,15 +5,10 @@
 #include "FileNotifyMessage.h"
 #include "FileNotifyTask.h"
 #include "FileNotifyUtils.h"
+#include "FileNotifyWatchMessage.h"
 #include "framework/Event.h"
 
 namespace Engine {
-
-namespace {
-
-constexpr unsigned int kOnDirectory = 0x40000000;  // IN_ISDIR / FAN_ONDIR
-
-}  // namespace
 
 FileInotifyWatch::FileInotifyWatch()
     : singleFileInotify(new FileInotify(&fileNotifyLimit)), fullFileInotify(new FileInotify(&fileNotifyLimit)) {
@@ -145,7 +140,8 @@ int FileInotifyWatch::ChangeToPendingWatch(FileNotifyTask* task, int fd, int wd,
         if (!record->opt.inotifyOnly) {
             // The bits of the request that fanotify watched wait as well.
             unsigned int extra = record->opt.combinedMask & ~record->mask;
-            if (extra != 0 && (record->opt.combinedMask & kOnDirectory) != 0) extra |= kOnDirectory;
+            if (extra != 0 && (record->opt.combinedMask & FileNotifyWatchMessage::kOnDirectory) != 0)
+                extra |= FileNotifyWatchMessage::kOnDirectory;
             if (extra != 0) task->AddPendingWatch(record->taskId, record->filePath, extra, record->opt, 1);
         }
         FN_CPU_YIELD();

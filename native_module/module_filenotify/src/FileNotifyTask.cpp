@@ -148,7 +148,7 @@ int FileNotifyTask::RemovePendingWatch(int taskId, const std::string& path, bool
         FN_CPU_YIELD();
         const _PendingWatchItem& record = **it;
         // A plain prefix: /data/a also drops a record for /data/ab.
-        if (record.taskId != taskId || record.path.compare(0, path.size(), path) != 0) continue;
+        if (record.taskId != taskId || !FileNotifyUtils::HasPrefix(record.path, path)) continue;
         FN_LOG(LOG_DEBUG, "RemovePendingWatch taskId=%d;watchedObject=%s", taskId, record.path);
         pendingWatchList.erase(it);
         found = true;

@@ -40,10 +40,6 @@ bool ReadLinkTarget(const std::string& link, std::string& target) {
     return true;
 }
 
-bool HasPrefix(const std::string& path, const std::string& prefix) {
-    return prefix.size() <= path.size() && path.compare(0, prefix.size(), prefix) == 0;
-}
-
 bool HasSuffix(const std::string& path, const std::string& suffix) {
     return suffix.size() <= path.size() && path.compare(path.size() - suffix.size(), suffix.size(), suffix) == 0;
 }
@@ -51,7 +47,7 @@ bool HasSuffix(const std::string& path, const std::string& suffix) {
 bool MatchesIgnorePath(const std::string& path, const std::vector<std::string>& prefixes) {
     for (const std::string& prefix : prefixes) {
         FN_CPU_YIELD();
-        if (!HasPrefix(path, prefix)) continue;
+        if (!FileNotifyUtils::HasPrefix(path, prefix)) continue;
         FN_LOG(LOG_DEBUG, "IsIgnoreWatchObject  eventFile=%s,ignorePath=%s", path, prefix);
         return true;
     }

@@ -34,6 +34,11 @@ public:
     // none. Fetched once, then cached for the life of the process.
     static Poco::Logger* GetLoggerPtr();
 
+    // text begins with prefix (bytes; equal strings included).
+    static bool HasPrefix(const std::string& text, const std::string& prefix) {
+        return prefix.size() <= text.size() && text.compare(0, prefix.size(), prefix) == 0;
+    }
+
     // stat() succeeds; follows links.
     static bool IsExistFilePath(const std::string& path);
 

@@ -7,13 +7,7 @@
 
 namespace Engine {
 
-namespace {
-
-bool StartsWith(const std::string& text, const std::string& prefix) {
-    return prefix.size() <= text.size() && text.compare(0, prefix.size(), prefix) == 0;
-}
-
-}  // namespace
+namespace {}  // namespace
 
 FileNotifyWatchData::~FileNotifyWatchData() {
     ClearCache();
@@ -80,10 +74,10 @@ int FileNotifyWatchData::GetWatchItemList(int fd, int wd, WatchItemList& watchIt
 
 bool FileNotifyWatchData::IsEventFileMatchedWatchFile(const std::string& eventFile, const std::string& watchFile,
                                                       bool recursive) {
-    if (recursive) return StartsWith(eventFile, watchFile);
+    if (recursive) return FileNotifyUtils::HasPrefix(eventFile, watchFile);
     if (eventFile == watchFile) return true;
     if (eventFile.size() <= watchFile.size() || watchFile.empty() || watchFile.back() != '/') return false;
-    if (!StartsWith(eventFile, watchFile)) return false;
+    if (!FileNotifyUtils::HasPrefix(eventFile, watchFile)) return false;
     return eventFile.find('/', watchFile.size()) == std::string::npos;
 }
 
@@ -172,9 +166,9 @@ int FileNotifyWatchData::CheckRelativeFileWatch(const std::string& filePath, _Ve
     FN_LOG(LOG_DEBUG, "CheckRelativeFileWatch filepath=%s", filePath);
     for (const auto& [watchFile, key] : folderWatchMap) {
         FN_CPU_YIELD();
-        if (filePath.size() < watchFile.size() && StartsWith(watchFile, filePath)) {
+        if (filePath.size() < watchFile.size() && FileNotifyUtils::HasPrefix(watchFile, filePath)) {
             FN_LOG(LOG_DEBUG, "CheckRelativeFileWatch watchFile=%s filepath=%s", watchFile, filePath);
-        } else if (StartsWith(filePath, watchFile)) {
+        } else if (FileNotifyUtils::HasPrefix(filePath, watchFile)) {
             FN_LOG(LOG_DEBUG, "CheckRelativeFileWatch filepath=%s watchFile=%s", filePath, watchFile);
         } else {
             continue;
