@@ -19,6 +19,12 @@ namespace Engine {
 // Paths are stored without one trailing "/" (see FormatFolderName).
 class FILENOTIFY_API FileNotifyMessage : public Framework::Message {
 public:
+    // Mask of a loss report (IN_Q_OVERFLOW and FAN_Q_OVERFLOW share the bit).
+    // From the kernel: its queue overflowed, the number lost is unknown
+    // (GetLostCount 0). From the module: this consumer did not read for too
+    // long and GetLostCount events meant for it were dropped.
+    static constexpr unsigned int kOverflowMask = 0x4000;
+
     FileNotifyMessage(int notifyType, const std::string& path, unsigned int mask);
     ~FileNotifyMessage() override;
 
@@ -51,6 +57,10 @@ public:
     const struct stat& Stat() const { return m_stat; }
     bool IsStatValid() const { return m_statValid; }
 
+    // Loss reports only: how many events were dropped for this consumer.
+    void SetLostCount(unsigned long long count) { m_lostCount = count; }
+    unsigned long long GetLostCount() const { return m_lostCount; }
+
     std::string GetWatchIdString() const;
 
     // Drops one trailing "/" ("/" itself becomes ""). The registries keep
@@ -69,6 +79,7 @@ private:
     int m_watchId = -1;
     struct stat m_stat {};
     bool m_statValid = false;
+    unsigned long long m_lostCount = 0;
 };
 
 }  // namespace Engine
