@@ -1,5 +1,6 @@
 #include "framework/Event.h"
 
+#include <cerrno>
 #include <exception>
 
 #include <Poco/Logger.h>
@@ -16,6 +17,10 @@ Event::Event(EventCallbackBase* callback, void* arg, int fd) : _callback(callbac
 Event::~Event() {
     if (_waiter != nullptr) _waiter->RemoveEvent(this);
     delete _callback;
+}
+
+int Event::SetEnabled(bool enabled) {
+    return _waiter != nullptr ? _waiter->SetEnabled(this, enabled) : ENOENT;
 }
 
 int Event::Invoke(unsigned int events) {

@@ -50,6 +50,16 @@ int EventWaiter::RemoveEvent(Event* event) {
     return 0;
 }
 
+int EventWaiter::SetEnabled(Event* event, bool enabled) {
+    if (event == nullptr) return EINVAL;
+    auto it = _events.find(event->GetFd());
+    if (it == _events.end() || it->second != event) return ENOENT;
+    epoll_event ev{};
+    ev.events = enabled ? static_cast<std::uint32_t>(EPOLLIN) : 0U;
+    ev.data.fd = event->GetFd();
+    return ::epoll_ctl(_epoll.get(), EPOLL_CTL_MOD, event->GetFd(), &ev) == 0 ? 0 : errno;
+}
+
 void EventWaiter::Notify() {
     // One write per wake-up, however many producers: the flag stays set until
     // the waiting thread has read the eventfd.

@@ -1,5 +1,6 @@
 #include "framework/Task.h"
 
+#include <algorithm>
 #include <climits>
 #include <exception>
 #include <thread>
@@ -33,7 +34,9 @@ Task::Task(const std::string& taskName, const std::string& featureName, TaskCond
       _taskType(type),
       _capacity(queueCapacity > 0 ? queueCapacity : 1),
       _queue(std::make_unique<Queue>(static_cast<std::size_t>(_capacity))),
-      _lastDropLogTick(kNeverLogged) {
+      _lastDropLogTick(kNeverLogged),
+      _highWater(std::max<std::size_t>(1, static_cast<std::size_t>(_capacity) * 3 / 4)),
+      _lowWater(static_cast<std::size_t>(_capacity) / 4) {
     TaskRegistry::Instance().Register(_taskId, this);
 }
 
@@ -43,6 +46,8 @@ Task::~Task() {
     Message* msg = nullptr;
     while (_queue->try_dequeue(msg))
         delete msg;
+    // Senders holding back for this queue must not wait for it any longer.
+    SendDrainSignals();
 }
 
 int Task::Init() {
@@ -71,6 +76,7 @@ void Task::runTask() {
     if (result != 0) {
         poco_warning(FrameworkLogger(), Poco::format("task %s ended with %d", name(), result));
     }
+    ReportDrops(true);
 }
 
 int Task::FindTaskIdByName(const std::string& taskName) {
@@ -91,17 +97,59 @@ bool Task::TryEnqueue(Message* msg) {
 }
 
 void Task::CountDrop() {
-    const std::uint64_t total = _dropped.fetch_add(1, std::memory_order_relaxed) + 1;
+    _dropped.fetch_add(1, std::memory_order_relaxed);
+    ReportDrops(false);
+}
+
+void Task::ReportDrops(bool force) {
+    const std::uint64_t total = _dropped.load(std::memory_order_relaxed);
+    if (total == _droppedAtLastLog.load(std::memory_order_relaxed)) return;
     const long long now = SDK::TimeUtils::GetCurrentSystemTickUsed();
     long long last = _lastDropLogTick.load(std::memory_order_relaxed);
-    if (now - last < kDropLogIntervalMs) return;
-    if (!_lastDropLogTick.compare_exchange_strong(last, now)) return;  // another thread logs
+    if (!force && now - last < kDropLogIntervalMs) return;
+    if (!_lastDropLogTick.compare_exchange_strong(last, now) && !force) return;  // another thread logs
     const std::uint64_t recent = total - _droppedAtLastLog.exchange(total);
+    if (recent == 0) return;
     poco_warning(
         FrameworkLogger(),
         Poco::format("task %s (id %d): queue full at %d messages, %Lu dropped since the last "
                      "report, %Lu in all",
                      name(), _taskId, _capacity, static_cast<Poco::UInt64>(recent), static_cast<Poco::UInt64>(total)));
+}
+
+void Task::SetQueueWaterMarks(int high, int low) {
+    _highWater = static_cast<std::size_t>(std::clamp(high, 1, _capacity));
+    _lowWater = static_cast<std::size_t>(std::clamp(low, 0, static_cast<int>(_highWater) - 1));
+}
+
+void Task::AskDrainSignal(Task* sender) {
+    {
+        std::lock_guard<std::mutex> lock(_drainMutex);
+        if (std::find(_drainWaiters.begin(), _drainWaiters.end(), sender->_taskId) == _drainWaiters.end())
+            _drainWaiters.push_back(sender->_taskId);
+        _drainWanted.store(true);
+    }
+    // Drained before the receiver could see the request: signal it here.
+    if (_queued.load() <= _lowWater) {
+        sender->_drainSignal.store(true);
+        sender->_waiter.Notify();
+    }
+}
+
+void Task::SendDrainSignals() {
+    std::vector<int> senders;
+    {
+        std::lock_guard<std::mutex> lock(_drainMutex);
+        senders.swap(_drainWaiters);
+        _drainWanted.store(false);
+    }
+    for (int id : senders) {
+        std::shared_lock<std::shared_mutex> lock;
+        Task* sender = TaskRegistry::Instance().Find(id, lock);
+        if (sender == nullptr) continue;
+        sender->_drainSignal.store(true);
+        sender->_waiter.Notify();
+    }
 }
 
 int Task::EnqueueMsg(Message* msg) {
@@ -155,6 +203,34 @@ int Task::SendMsg(unsigned long taskId, const char* type, Message* msg) {
         return MSG_ERR_UNKNOWN_TASK;
     }
     return receiver->EnqueueMsg(owned.release());
+}
+
+int Task::TrySendMsg(unsigned long taskId, const char* type, std::unique_ptr<Message>& msg) {
+    if (!msg) return MSG_ERR_NULL;
+    std::shared_lock<std::shared_mutex> lock;
+    Task* receiver = LockConsumer(taskId, type, lock);
+    if (receiver == nullptr) {
+        msg.reset();
+        return MSG_ERR_UNKNOWN_TASK;
+    }
+    if (!receiver->TryEnqueue(msg.get())) {
+        receiver->AskDrainSignal(this);
+        return MSG_ERR_QUEUE_FULL;
+    }
+    static_cast<void>(msg.release());  // the receiver's now
+    if (receiver->_queued.load(std::memory_order_acquire) < receiver->_highWater) return MSG_OK;
+    receiver->AskDrainSignal(this);
+    return MSG_OK_HIGH_WATER;
+}
+
+bool Task::GetConsumerQueue(unsigned long taskId, const char* type, QueueState& state) {
+    std::shared_lock<std::shared_mutex> lock;
+    const Task* receiver = LockConsumer(taskId, type, lock);
+    if (receiver == nullptr) return false;
+    state.queued = receiver->_queued.load(std::memory_order_acquire);
+    state.lowWater = receiver->_lowWater;
+    state.taken = receiver->_taken.load(std::memory_order_relaxed);
+    return true;
 }
 
 int Task::DeliverSync(unsigned long taskId, const char* type, Message* msg, int attempts,
@@ -221,13 +297,16 @@ int Task::BulkConsumeMsg(int maxCount) {
         const std::size_t want = static_cast<std::size_t>(std::min(kChunk, maxCount - taken));
         const std::size_t got = _queue->try_dequeue_bulk(batch, want);
         if (got == 0) break;
-        _queued.fetch_sub(got, std::memory_order_acq_rel);
+        const std::size_t left = _queued.fetch_sub(got, std::memory_order_acq_rel) - got;
+        _taken.fetch_add(got, std::memory_order_relaxed);
         taken += static_cast<int>(got);
+        if (left <= _lowWater && _drainWanted.load()) SendDrainSignals();
         for (std::size_t i = 0; i < got; ++i)
             HandleOne(batch[i]);
     }
     // Messages left for the next pass: make that pass's wait return at once.
     if (_queued.load(std::memory_order_acquire) > 0) _waiter.Notify();
+    ReportDrops(false);
     return taken;
 }
 

@@ -39,6 +39,14 @@ public:
         return std::count_if(_recorder->records.begin(), _recorder->records.end(),
                              [&](const auto& r) { return r.first == priority; });
     }
+    // The texts of the records of this priority, in order.
+    std::vector<std::string> Texts(int priority) const {
+        std::lock_guard<std::mutex> lock(_recorder->mutex);
+        std::vector<std::string> texts;
+        for (const auto& r : _recorder->records)
+            if (r.first == priority) texts.push_back(r.second);
+        return texts;
+    }
     // All records, for failure messages.
     std::string Dump() const {
         std::lock_guard<std::mutex> lock(_recorder->mutex);

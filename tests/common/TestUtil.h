@@ -17,13 +17,13 @@
 
 namespace TestUtil {
 
-// A fresh folder under /tmp, removed with everything in it at the end.
-// path() ends with "/".
+// A fresh folder under base (/tmp, or the tmpfs /dev/shm for many files),
+// removed with everything in it at the end. path() ends with "/".
 class TempDir {
 public:
-    TempDir() {
-        char tmpl[] = "/tmp/fn_test_XXXXXX";
-        const char* made = ::mkdtemp(tmpl);
+    explicit TempDir(const std::string& base = "/tmp") {
+        std::string tmpl = base + "/fn_test_XXXXXX";
+        const char* made = ::mkdtemp(tmpl.data());
         if (made != nullptr) _path = std::string(made) + "/";
     }
     ~TempDir() {
@@ -84,5 +84,27 @@ inline int ReadIntFile(const std::string& path) {
     in >> value;
     return in ? value : -1;
 }
+
+// A /proc/sys setting changed for as long as the object lives. ok() is
+// false when it could not be changed (no privilege): skip with reason().
+class ScopedSysctl {
+public:
+    ScopedSysctl(const std::string& path, int value) : _path(path), _old(ReadIntFile(path)) {
+        std::ofstream(path) << value << "\n";
+        _ok = _old >= 0 && ReadIntFile(path) == value;
+    }
+    ~ScopedSysctl() {
+        if (_old >= 0) std::ofstream(_path) << _old << "\n";
+    }
+    ScopedSysctl(const ScopedSysctl&) = delete;
+    ScopedSysctl& operator=(const ScopedSysctl&) = delete;
+    bool ok() const { return _ok; }
+    std::string reason() const { return "cannot set " + _path + " (needs root)"; }
+
+private:
+    std::string _path;
+    int _old;
+    bool _ok = false;
+};
 
 }  // namespace TestUtil

@@ -1,4 +1,6 @@
 #include <chrono>
+#include <cstdio>
+#include <memory>
 #include <thread>
 #include <vector>
 
@@ -204,7 +206,7 @@ TEST_F(SyncSend, ToItselfFailsAtOnce) {
     EXPECT_EQ(1, probe.destroyed.load());
 }
 
-TEST(TaskQueue, DropWarningsAreRateLimited) {
+TEST(TaskQueue, DropWarningsAreRateLimitedAndExactAtStop) {
     TestUtil::LogCapture log(SDK::LoggerUtils::GetInstance()->GetModuleLogger("framework", false));
     Probe probe;
     auto task = MakeServeTask("flood", 1);
@@ -212,6 +214,75 @@ TEST(TaskQueue, DropWarningsAreRateLimited) {
     for (int i = 0; i < 2000; ++i)
         task->EnqueueMsg(new ProbeMessage(probe));
     EXPECT_EQ(2000u, task->GetDroppedMsgCount());
-    EXPECT_GE(log.Count(Poco::Message::PRIO_WARNING), 1);
     EXPECT_LE(log.Count(Poco::Message::PRIO_WARNING), 3) << log.Dump();  // one a second at most
+    {
+        TaskRunner runner(task.get());  // the end of the burst is reported when the task stops
+        ASSERT_EQ(0, runner.Start());
+    }
+    unsigned long long sum = 0, recent = 0, total = 0;
+    for (const std::string& text : log.Texts(Poco::Message::PRIO_WARNING)) {
+        ASSERT_EQ(2, std::sscanf(text.c_str(),
+                                 "task flood (id %*d): queue full at 1 messages, %llu dropped since the "
+                                 "last report, %llu in all",
+                                 &recent, &total))
+            << text;
+        sum += recent;
+    }
+    EXPECT_EQ(2000u, sum) << log.Dump();
+    EXPECT_EQ(2000u, total) << log.Dump();
+}
+
+TEST(TaskFlow, TrySendKeepsWhatDoesNotFitAndTheReceiverSignalsWhenDrained) {
+    Probe probe;
+    auto sender = MakeServeTask("flow_sender");
+    auto consumer = MakeServeTask("flow_consumer", 8);  // congested from 6, drained at 2
+    ASSERT_EQ(0, sender->AddConsumer(consumer->GetTaskId(), "f", consumer.get()));
+    std::vector<int> results;
+    std::unique_ptr<Framework::Message> message;
+    for (int i = 0; i < 9; ++i) {
+        message = std::make_unique<ProbeMessage>(probe);
+        results.push_back(sender->TrySendMsg(consumer->GetTaskId(), "f", message));
+    }
+    EXPECT_EQ((std::vector<int>{0, 0, 0, 0, 0, 1, 1, 1, Framework::MSG_ERR_QUEUE_FULL}), results);
+    ASSERT_NE(nullptr, message) << "a message that did not fit stays with the sender";
+    EXPECT_EQ(0u, consumer->GetDroppedMsgCount());
+    EXPECT_EQ(0, probe.destroyed.load());
+
+    EXPECT_EQ(5, consumer->BulkConsumeMsg(5));  // 3 left: above the low-water mark
+    EXPECT_FALSE(sender->TakeDrainSignal());
+    Framework::Task::QueueState state;
+    ASSERT_TRUE(sender->GetConsumerQueue(consumer->GetTaskId(), "f", state));
+    EXPECT_EQ(3u, state.queued);
+    EXPECT_EQ(5u, state.taken);
+    EXPECT_EQ(2u, state.lowWater);
+
+    // The consumer's own thread drains the rest and wakes the sender's wait.
+    TaskRunner runner(consumer.get());
+    ASSERT_EQ(0, runner.Start());
+    const auto start = steady_clock::now();
+    EXPECT_EQ(-1, sender->GetEventWaiter().WaitAndHandleEvent(20000, 1));
+    EXPECT_LT(steady_clock::now() - start, milliseconds(10000));
+    EXPECT_TRUE(sender->TakeDrainSignal());
+    EXPECT_FALSE(sender->TakeDrainSignal());
+    EXPECT_EQ(Framework::MSG_OK, sender->TrySendMsg(consumer->GetTaskId(), "f", message));
+    EXPECT_EQ(nullptr, message);
+    EXPECT_TRUE(TestUtil::WaitUntil([&] { return probe.handled.load() == 9; }));
+
+    message = std::make_unique<ProbeMessage>(probe);
+    EXPECT_EQ(Framework::MSG_ERR_UNKNOWN_TASK, sender->TrySendMsg(12345678, "f", message));
+    EXPECT_EQ(nullptr, message);
+    EXPECT_FALSE(sender->GetConsumerQueue(12345678, "f", state));
+}
+
+TEST(TaskFlow, AReceiverThatGoesAwaySignalsItsWaitingSenders) {
+    Probe probe;
+    auto sender = MakeServeTask("flow_sender_gone");
+    auto consumer = MakeServeTask("flow_consumer_gone", 1);
+    ASSERT_EQ(0, sender->AddConsumer(consumer->GetTaskId(), "f", consumer.get()));
+    auto message = std::unique_ptr<Framework::Message>(new ProbeMessage(probe));
+    ASSERT_EQ(Framework::MSG_OK_HIGH_WATER, sender->TrySendMsg(consumer->GetTaskId(), "f", message));
+    EXPECT_FALSE(sender->TakeDrainSignal());
+    consumer = nullptr;
+    EXPECT_TRUE(sender->TakeDrainSignal());
+    EXPECT_EQ(1, probe.destroyed.load());
 }

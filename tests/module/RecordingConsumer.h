@@ -27,6 +27,7 @@ public:
         unsigned int pid;
         std::string exe;
         bool statValid;
+        unsigned long long lost;
     };
 
     explicit RecordingConsumer(const std::string& name = "recording_consumer", int capacity = 4096)
@@ -38,7 +39,7 @@ public:
         std::lock_guard<std::mutex> lock(_mutex);
         _events.push_back({msg->GetNotifyType(), msg->GetEventFilePath(), msg->GetMovetoFile(), msg->GetEventMask(),
                            msg->GetWatchFile(), msg->GetWatchId(), msg->GetEventProcessId(), msg->GetEventProcess(),
-                           msg->IsStatValid()});
+                           msg->IsStatValid(), msg->GetLostCount()});
         return verdict;
     }
 

@@ -46,6 +46,9 @@ public:
     int GetFd() const { return _fd; }
     void* GetArg() const { return _arg; }
     int Invoke(unsigned int events);
+    // Stops or resumes the readiness reports of the waiter it is registered
+    // with (EventWaiter::SetEnabled). ENOENT when it is not registered.
+    int SetEnabled(bool enabled);
 
 private:
     friend class EventWaiter;

@@ -35,6 +35,10 @@ public:
     // The descriptor may already be closed.
     int RemoveEvent(Event* event);
     std::size_t EventCount() const { return _events.size(); }
+    // A registered descriptor that is not enabled stays in the set but is not
+    // reported, however much it has to read (a reader held back until its
+    // consumers catch up). 0, ENOENT when not registered, or epoll's errno.
+    int SetEnabled(Event* event, bool enabled);
 
     // Waits up to timeoutMs (-1: no limit) for the registered descriptors and
     // calls the callbacks of at most maxEvents ready ones. Returns the number

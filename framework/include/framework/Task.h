@@ -9,6 +9,7 @@
 #include <shared_mutex>
 #include <string>
 #include <utility>
+#include <vector>
 
 #include <Poco/Task.h>
 
@@ -41,6 +42,7 @@ struct TaskCondition {
 // the two apart (no failure equals a handler's verdict).
 enum MsgResult : int {
     MSG_OK = 0,
+    MSG_OK_HIGH_WATER = 1,      // TrySendMsg: queued, and the receiver's queue is at its high-water mark
     MSG_ERR_NULL = -1,          // no message given
     MSG_ERR_UNKNOWN_TASK = -2,  // no consumer under that id and type, or it is gone
     MSG_ERR_QUEUE_FULL = -3,    // the receiver's queue holds its capacity
@@ -97,6 +99,33 @@ public:
     // registered under (taskId, type). Returns 0 or a MsgResult failure.
     int SendMsg(unsigned long taskId, const char* type, Message* msg);
 
+    // Flow control, for a sender that must not lose messages and must not
+    // block. Like SendMsg, but a full queue leaves the message with the
+    // caller (msg still holds it) and returns MSG_ERR_QUEUE_FULL, counting
+    // nothing as dropped; MSG_OK_HIGH_WATER means queued, with the queue at or
+    // above its high-water mark. After either of these two results the
+    // receiver signals this task once it has drained its queue to its
+    // low-water mark: TakeDrainSignal() turns true and this task's wait is
+    // woken. Any other result frees the message, as SendMsg does.
+    int TrySendMsg(unsigned long taskId, const char* type, std::unique_ptr<Message>& msg);
+    // True once for each drain signal received since the last call.
+    bool TakeDrainSignal() { return _drainSignal.exchange(false, std::memory_order_acq_rel); }
+
+    // A receiver's queue as a sender sees it.
+    struct QueueState {
+        std::size_t queued = 0;
+        std::size_t lowWater = 0;
+        std::uint64_t taken = 0;  // messages taken from the queue so far: progress
+    };
+    // False when no live consumer is registered under (taskId, type).
+    bool GetConsumerQueue(unsigned long taskId, const char* type, QueueState& state);
+
+    // The marks that TrySendMsg senders see on this task's queue: congested
+    // from `high` queued messages on, drained again at `low` or fewer.
+    // Clamped to 1 <= high <= capacity and 0 <= low < high. The defaults are
+    // three quarters and one quarter of the capacity. Set before use.
+    void SetQueueWaterMarks(int high, int low);
+
     // Sends msg like SendMsg and blocks until the consumer's thread has run
     // its MessageHandle: returns that result and copies the message's reply
     // string into response. `last` is the number of delivery attempts while
@@ -120,6 +149,7 @@ public:
     int GetQueueCapacity() const { return _capacity; }
     std::size_t GetQueuedMsgCount() const { return _queued.load(std::memory_order_relaxed); }
     std::uint64_t GetDroppedMsgCount() const { return _dropped.load(std::memory_order_relaxed); }
+    std::uint64_t GetTakenMsgCount() const { return _taken.load(std::memory_order_relaxed); }
 
     EventWaiter& GetEventWaiter() { return _waiter; }
     // The cancel flag is set before POCO's state (an atomic, readable from any thread).
@@ -146,6 +176,10 @@ private:
 
     bool TryEnqueue(Message* msg);
     void CountDrop();
+    // Logs the drops not reported yet: at most once a second unless forced.
+    void ReportDrops(bool force);
+    void AskDrainSignal(Task* sender);
+    void SendDrainSignals();
     Task* LockConsumer(unsigned long taskId, const char* type, std::shared_lock<std::shared_mutex>& lock);
     int DeliverSync(unsigned long taskId, const char* type, Message* msg, int attempts,
                     std::chrono::steady_clock::time_point deadline);
@@ -157,10 +191,17 @@ private:
     const int _capacity;
     std::unique_ptr<Queue> _queue;
     std::atomic<std::size_t> _queued{0};
+    std::atomic<std::uint64_t> _taken{0};
     std::atomic<std::uint64_t> _dropped{0};
     std::atomic<long long> _lastDropLogTick{0};
     std::atomic<std::uint64_t> _droppedAtLastLog{0};
     std::atomic<bool> _cancelRequested{false};
+    std::size_t _highWater;
+    std::size_t _lowWater;
+    std::atomic<bool> _drainWanted{false};
+    std::atomic<bool> _drainSignal{false};
+    std::mutex _drainMutex;
+    std::vector<int> _drainWaiters;  // ids of the senders to signal
     EventWaiter _waiter;
 
     std::mutex _consumerMutex;

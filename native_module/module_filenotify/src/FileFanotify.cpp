@@ -150,13 +150,19 @@ long FileFanotify::ReadBatch(char* buffer, int size) {
     return static_cast<long>(length);
 }
 
+void FileFanotify::SetHeld(bool held) {
+    _held = held;
+    if (event) event->SetEnabled(!held);
+}
+
 int FileFanotify::ReadEvents(char* buffer, int size, FanotifyCallback callback, void* userData) {
-    for (;;) {
+    while (!_held) {
         const long length = ReadBatch(buffer, size);
         if (length <= 0) return 0;  // EAGAIN: drained
         FN_CPU_YIELD();
         if (DoWithEvents(buffer, length, callback, userData) != 0) FN_LOG(LOG_ERROR, "call DoWithEvents failed");
     }
+    return 0;
 }
 
 int FileFanotify::DoWithEvents(char* buffer, long length, FanotifyCallback callback, void* userData) {

@@ -70,6 +70,10 @@ public:
     int GetInitError() const { return _initError; }
     // FAN_Q_OVERFLOW records seen: each one means events were lost.
     unsigned long GetOverflowCount() const { return _overflowCount; }
+    // A held group reads nothing more (its events wait in the kernel's
+    // queue) and is not reported ready, until released. Never hold a
+    // permission group: its events hold processes.
+    void SetHeld(bool held);
 
 private:
     long ReadBatch(char* buffer, int size);
@@ -81,6 +85,7 @@ private:
     std::unique_ptr<FileFanotifyPermitReader> _reader;
     int _initError = 0;
     unsigned long _overflowCount = 0;
+    bool _held = false;
 };
 
 // The bits of an event that holds its process until it is answered.

@@ -197,9 +197,33 @@ int FileFanotifyWatch::ReadEvents(int fd, char* buffer, int size) {
         FN_LOG(LOG_ERROR, "Get fanotify instance failed, fd=%d", fd);
         return 1;
     }
+    const unsigned long overflows = instance->GetOverflowCount();
     const int result = instance->ReadEvents(buffer, size, &FileFanotifyWatch::DoEventCallback, this);
     if (result != 0) FN_LOG(LOG_ERROR, "call ReadEvents failed");
+    if (instance->GetOverflowCount() != overflows) SendOverflowMsg(*instance);
     return result;
+}
+
+void FileFanotifyWatch::SendOverflowMsg(const FileFanotify& group) {
+    std::set<int> taskIds;
+    const bool notify = &group == notifyFileFanotify.get();
+    if (notify) {
+        notifyWatchData.GetTaskIdSet(group.GetFd(), taskIds);
+    } else {
+        for (const auto& entry : permitWatchMap)
+            taskIds.insert(entry.second->taskId);
+    }
+    for (int taskId : taskIds) {
+        auto message = std::make_unique<FileNotifyMessage>(1, std::string(), FileNotifyMessage::kOverflowMask);
+        static_cast<FileNotifyTask*>(task)->GetFlowControl().Send(taskId, std::move(message),
+                                                                  notify ? group.GetFd() : -1);
+    }
+}
+
+bool FileFanotifyWatch::HoldReader(int fd, bool held) {
+    if (fd < 0 || fd != notifyFileFanotify->GetFd()) return false;
+    notifyFileFanotify->SetHeld(held);
+    return true;
 }
 
 int FileFanotifyWatch::DoEventCallback(int fanotifyFd, bool block, struct fanotify_event_metadata* metadata,
@@ -247,12 +271,15 @@ int FileFanotifyWatch::DoNotifyEvent(int fd, struct fanotify_event_metadata* met
 int FileFanotifyWatch::SendEventMsg(Notify_WatchItem* watchItem, const std::string& eventFile, unsigned int mask,
                                     unsigned int pid, int eventFd) {
     if (task == nullptr) return 0;
-    auto* message = new FileNotifyMessage(1, eventFile, mask);
+    auto message = std::make_unique<FileNotifyMessage>(1, eventFile, mask);
     message->SetProcess(pid, ExePathOf(pid));
     message->SetWatchFile(watchItem->wd, watchItem->filePath);
     message->SetExtParm(watchItem->opt.extParm);
     if (watchItem->opt.fillStat) message->Stat(eventFd);
-    task->SendMsg(static_cast<unsigned long>(watchItem->taskId), "f", message);
+    // Only the notification group waits for a consumer that falls behind:
+    // the permission group's events hold processes.
+    const int reader = watchItem->fd == notifyFileFanotify->GetFd() ? watchItem->fd : -1;
+    static_cast<FileNotifyTask*>(task)->GetFlowControl().Send(watchItem->taskId, std::move(message), reader);
     return 0;
 }
 

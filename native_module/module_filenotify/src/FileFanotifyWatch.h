@@ -65,8 +65,12 @@ public:
     void ClearPermitWatch();
 
     // Reads the group whose (event) descriptor is fd. 0, or 1 for an
-    // unknown descriptor.
+    // unknown descriptor. An overflow of the group's queue reaches each
+    // task that watches through it as one loss report.
     int ReadEvents(int fd, char* buffer, int size);
+    // Holds or releases the notification group (fd its descriptor); false
+    // for any other descriptor: the permission group is never held.
+    bool HoldReader(int fd, bool held);
     static int DoEventCallback(int fanotifyFd, bool block, struct fanotify_event_metadata* metadata, void* userData);
     int DoNotifyEvent(int fd, struct fanotify_event_metadata* metadata);
     int DoPermitEvent(int fd, struct fanotify_event_metadata* metadata);
@@ -83,6 +87,7 @@ public:
 
 private:
     void LogUnavailable() const;
+    void SendOverflowMsg(const FileFanotify& group);
 
     std::unique_ptr<FileFanotify> notifyFileFanotify;
     std::unique_ptr<FileFanotify> permitFileFanotify;

@@ -1,5 +1,6 @@
 #include "FileInotify.h"
 
+#include <poll.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -23,6 +24,10 @@ namespace {
 constexpr unsigned int kSelfGone = IN_DELETE_SELF | IN_MOVE_SELF;
 // Deepest folder level a recursive walk opens; the root is level 1.
 constexpr int kMaxTraverseDepth = 20;
+// The kernel queues a rename's two halves one after the other, but a read
+// can fall between them. A batch that drained the queue with a first half
+// unpaired waits this long for the second before the half goes out alone.
+constexpr std::chrono::microseconds kMoveReadOn{1000};
 
 // A folder path without "//", "." or ".." components, ending in "/".
 bool IsCanonicalFolder(const std::string& folder) {
@@ -125,7 +130,10 @@ bool FileInotify::GetSubFloderList(std::vector<std::string>& list, const std::st
     FN_LOG(LOG_DEBUG, "TraverseSubFolderSize =%z", list.size());
     // The whole tree is checked once, before any kernel call, so a tree too
     // large is refused without a partial add.
-    const int needed = static_cast<int>(list.size()) + 1;
+    // Folders watched already (a tree walked again) need no new watch.
+    int needed = 1;
+    for (const std::string& folder : list)
+        needed += _subFolderMap.count(folder) == 0 ? 1 : 0;
     if (_limit->GetPermitWatchSize() >= needed) return true;
     _limit->AutoScaleLimit();
     if (_limit->GetPermitWatchSize() >= needed) return true;
@@ -210,7 +218,15 @@ int FileInotify::AddSubFolderWatch(const std::string& path, unsigned int mask, _
     // A second path to an inode already watched (a link, or a folder added
     // again by a parent's walk) records nothing new. That includes a root of
     // this instance: a link back to it must not rename the root's events.
-    if (_watchItemMap.count(wd) == 0 && _watchSubItemMap.emplace(wd, _WatchSubItem{item->rootWd, path}).second) {
+    if (_watchItemMap.count(wd) != 0) return 0;
+    // The path known under another descriptor: that folder was replaced
+    // while its events were lost (an overflow), its watch is gone.
+    auto known = _subFolderMap.find(path);
+    if (known != _subFolderMap.end() && known->second != wd) {
+        _watchSubItemMap.erase(known->second);
+        _subFolderMap.erase(known);
+    }
+    if (_watchSubItemMap.emplace(wd, _WatchSubItem{item->rootWd, path}).second) {
         item->subWdList.push_back(wd);
         _subFolderMap.emplace(path, wd);
     }
@@ -321,18 +337,47 @@ int FileInotify::AddEventWatch(Framework::Task* task, Framework::EventCallback<F
     return result;
 }
 
+void FileInotify::SetHeld(bool held) {
+    _held = held;
+    if (_event) _event->SetEnabled(!held);
+}
+
+bool FileInotify::MayReadOn(std::chrono::steady_clock::time_point& readOnEnd) const {
+    if (_unpairedMoves.empty()) return false;
+    const auto now = std::chrono::steady_clock::now();
+    if (readOnEnd == std::chrono::steady_clock::time_point{}) readOnEnd = now + kMoveReadOn;
+    return now < readOnEnd;
+}
+
+bool FileInotify::WaitReadable(std::chrono::steady_clock::time_point end) const {
+    const auto left = std::chrono::duration_cast<std::chrono::nanoseconds>(end - std::chrono::steady_clock::now());
+    if (left.count() <= 0) return false;
+    struct pollfd ready {
+        _fd, POLLIN, 0
+    };
+    const struct timespec timeout { 0, static_cast<long>(left.count()) };
+    return ::ppoll(&ready, 1, &timeout, nullptr) > 0;
+}
+
 int FileInotify::ReadEvents(char* buffer, int size, InotifyCallback callback, void* data) {
     bool readSome = false;
+    std::chrono::steady_clock::time_point readOnEnd{};
     for (;;) {
+        // Held: the rest waits in the kernel, unless it may complete a rename.
+        if (_held && !MayReadOn(readOnEnd)) break;
         const ssize_t length = ::read(_fd, buffer, static_cast<std::size_t>(size));
         if (length < 0 && errno == EINTR) continue;
-        if (length <= 0) break;  // EAGAIN: drained
+        if (length <= 0) {  // EAGAIN: drained
+            if (MayReadOn(readOnEnd) && WaitReadable(readOnEnd)) continue;
+            break;
+        }
         FN_CPU_YIELD();
         if (DoWithEvents(buffer, static_cast<int>(length), callback, data) != 0) {
             FN_LOG(LOG_ERROR, "call DoWithEvents failed");
         }
         readSome = true;
     }
+    _unpairedMoves.clear();
     if (!readSome) return 0;
     InotifyCallBackParm batchEnd;
     batchEnd.type = InotifyCallBackParm::TYPE_BATCH_END;
@@ -371,12 +416,19 @@ int FileInotify::DoWithEvents(const char* buffer, int length, InotifyCallback ca
             return 0;
         }
         offset += kHeader + event->len;
+        if ((event->mask & IN_MOVED_FROM) != 0) _unpairedMoves.insert(event->cookie);
+        if ((event->mask & IN_MOVED_TO) != 0) _unpairedMoves.erase(event->cookie);
         if ((event->mask & IN_IGNORED) != 0) {
             // The kernel has dropped the watch; the self event before it did the bookkeeping.
             FN_LOG(LOG_DEBUG, "IN_IGNORED remove watch wd %d", event->wd);
         } else if ((event->mask & IN_Q_OVERFLOW) != 0) {
             ++_overflowCount;
             FN_LOG(LOG_ERROR, "IN_Q_OVERFLOW inotify queue overflow");
+            InotifyCallBackParm overflow;
+            overflow.type = InotifyCallBackParm::TYPE_OVERFLOW;
+            overflow.fd = _fd;
+            if (callback(overflow, data) != 0) FN_LOG(LOG_ERROR, "call callback failed");
+            QueueResync();
             return 0;
         } else if (DoWithOneEvent(event, callback, data) != 0) {
             FN_LOG(LOG_ERROR, "call DoWithEvent failed");
@@ -450,22 +502,49 @@ int FileInotify::AddRefreshWatchTask(_WatchItem* item, const std::string& path, 
     const bool folderCame = !selfEvent && !rootGone && (mask & IN_ISDIR) != 0 &&
                             (mask & (IN_CREATE | IN_MOVED_TO)) != 0 && item->watchChildFolder;
     if (!selfEvent && !rootGone && !folderCame) return 0;
+    _RefreshWatchItem& refresh = RefreshItemOf(item);
+    if (rootGone) {
+        refresh.reCreateWatch = true;
+    } else if (selfEvent) {
+        refresh.removeSubWatch = true;
+        refresh.removeSubFolders.insert(path);
+    } else {
+        refresh.addSubWatch = true;
+        refresh.addSubFolders.insert(path + "/");
+    }
+    return 0;
+}
+
+FileInotify::_RefreshWatchItem& FileInotify::RefreshItemOf(_WatchItem* item) {
     auto& refresh = _refreshWatchMap[item->rootWd];
     if (!refresh) {
         refresh = std::make_unique<_RefreshWatchItem>();
         refresh->watchItem = item;
         refresh->rootWd = item->rootWd;
     }
-    if (rootGone) {
-        refresh->reCreateWatch = true;
-    } else if (selfEvent) {
-        refresh->removeSubWatch = true;
-        refresh->removeSubFolders.insert(path);
-    } else {
-        refresh->addSubWatch = true;
-        refresh->addSubFolders.insert(path + "/");
+    return *refresh;
+}
+
+// The kernel hands out the descriptor of the inode a path names now: the
+// root's own while it is the same folder. A path that names a new inode gets
+// a fresh watch here, which the root's re-creation then takes over.
+bool FileInotify::IsStillWatched(const _WatchItem& item) const {
+    const unsigned int follow = item.watchSymLink ? 0U : static_cast<unsigned int>(IN_DONT_FOLLOW);
+    return ::inotify_add_watch(_fd, item.path.c_str(), IN_MASK_ADD | kSelfGone | follow) == item.rootWd;
+}
+
+void FileInotify::QueueResync() {
+    for (const auto& entry : _watchItemMap) {
+        FN_CPU_YIELD();
+        _WatchItem* item = entry.second.get();
+        _RefreshWatchItem& refresh = RefreshItemOf(item);
+        if (!IsStillWatched(*item)) {
+            refresh.reCreateWatch = true;
+        } else if (item->watchChildFolder && !item->isFile) {
+            refresh.addSubWatch = true;
+            refresh.addSubFolders.insert(item->path.back() == '/' ? item->path : item->path + "/");
+        }
     }
-    return 0;
 }
 
 int FileInotify::RefreshWatch(InotifyCallback callback, void* data) {

@@ -2,6 +2,7 @@
 
 #include <sys/inotify.h>
 
+#include <chrono>
 #include <list>
 #include <map>
 #include <memory>
@@ -30,6 +31,7 @@ struct InotifyCallBackParm {
         TYPE_EVENT = 0,         // one file event of a root watch
         TYPE_BATCH_END = 1,     // the descriptor has been drained
         TYPE_ROOT_REMOVED = 2,  // a watched root folder was deleted or moved away
+        TYPE_OVERFLOW = 3,      // the kernel's queue overflowed: events of this instance were lost
     };
     int type = TYPE_EVENT;
     int fd = 0;                                   // the instance's descriptor (0 for TYPE_BATCH_END)
@@ -114,6 +116,10 @@ public:
     void UpdateWatchSize();
     // IN_Q_OVERFLOW records seen: each one means events were lost.
     unsigned long GetOverflowCount() const { return _overflowCount; }
+    // A held instance reads nothing more (its events wait in the kernel's
+    // queue) and its descriptor is not reported ready, until released.
+    void SetHeld(bool held);
+    bool IsHeld() const { return _held; }
 
     // Registers the descriptor with the task's event waiter; callback becomes
     // owned by the registration. 0, or the waiter's error code.
@@ -131,12 +137,23 @@ public:
 
     int AddRefreshWatchTask(_WatchItem* item, const std::string& path, const struct inotify_event* event,
                             bool selfEvent);
+    // After an overflow: every root whose watch is gone is made again, and
+    // every tree is walked again for the folders that came meanwhile.
+    void QueueResync();
     int RefreshWatch(InotifyCallback callback, void* data);
     int RefreshAddSubWatch(_RefreshWatchItem* refreshItem);
     int RefreshRemoveSubWatch(const _RefreshWatchItem* refreshItem);
     int ClearRefreshWatch();
 
 private:
+    // Whether a batch may read on: a rename's first half is waiting for its
+    // second and the read-on time that began at readOnEnd's first use is not
+    // over.
+    bool MayReadOn(std::chrono::steady_clock::time_point& readOnEnd) const;
+    bool WaitReadable(std::chrono::steady_clock::time_point end) const;
+    _RefreshWatchItem& RefreshItemOf(_WatchItem* item);
+    bool IsStillWatched(const _WatchItem& item) const;
+
     int _fd = -1;
     std::unique_ptr<Framework::Event> _event;
     std::map<int, std::unique_ptr<_WatchItem>> _watchItemMap;
@@ -146,6 +163,8 @@ private:
     int _watchSize = 0;
     FileNotifyLimit* _limit;
     unsigned long _overflowCount = 0;
+    bool _held = false;
+    std::set<unsigned int> _unpairedMoves;  // cookies of moved-from records of this batch without partner
 };
 
 }  // namespace Engine

@@ -183,6 +183,8 @@ int FileInotifyWatch::DoEventCallback(const InotifyCallBackParm& parm, void* con
             return self->DoEventMsgCache();
         case InotifyCallBackParm::TYPE_ROOT_REMOVED:
             return self->ChangeAndRemoveWatchItems(parm.fd, parm.removedWd);
+        case InotifyCallBackParm::TYPE_OVERFLOW:
+            return self->SendOverflowMsg(parm.fd);
         default:
             FN_CPU_YIELD();
             return 1;
@@ -247,14 +249,32 @@ int FileInotifyWatch::SendEventMsg(const _EventItem* eventItem) {
     for (const auto& record : *records) {
         if (FileNotifyUtils::IsIgnoreWatchObject(eventItem->eventFile, record->opt)) continue;
         if (FileNotifyUtils::IsIgnoreWatchEvent(static_cast<int>(eventItem->mask), record->opt.eventMasks)) continue;
-        auto* message = new FileNotifyMessage(0, eventItem->eventFile, eventItem->mask);
+        auto message = std::make_unique<FileNotifyMessage>(0, eventItem->eventFile, eventItem->mask);
         if (eventItem->isMoveEvent) message->SetMoveEvent(eventItem->movetoFile);
         message->SetWatchFile(eventItem->wd, record->filePath);
         message->SetExtParm(record->opt.extParm);
-        // The framework owns the message from here, delivered or not.
-        notifyTask->SendMsg(static_cast<unsigned long>(record->taskId), "f", message);
+        static_cast<FileNotifyTask*>(notifyTask)
+            ->GetFlowControl()
+            .Send(record->taskId, std::move(message), eventItem->fd);
     }
     return 0;
+}
+
+int FileInotifyWatch::SendOverflowMsg(int fd) {
+    std::set<int> taskIds;
+    notifyWatchData.GetTaskIdSet(fd, taskIds);
+    for (int taskId : taskIds) {
+        auto message = std::make_unique<FileNotifyMessage>(0, std::string(), FileNotifyMessage::kOverflowMask);
+        static_cast<FileNotifyTask*>(notifyTask)->GetFlowControl().Send(taskId, std::move(message), fd);
+    }
+    return 0;
+}
+
+bool FileInotifyWatch::HoldReader(int fd, bool held) {
+    FileInotify* instance = GetFileInotify(fd);
+    if (instance == nullptr) return false;
+    instance->SetHeld(held);
+    return true;
 }
 
 }  // namespace Engine

@@ -74,6 +74,12 @@ public:
     int MergeMoveEvent(_EventItem* eventItem, const struct inotify_event* event, bool& isCached);
     // Sends the moved-from events that found no partner in this batch.
     int DoEventMsgCache();
+    // The kernel's queue of instance fd overflowed: one loss report to each
+    // task that watches through it.
+    int SendOverflowMsg(int fd);
+    // Holds or releases the instance whose descriptor is fd; false when fd is
+    // none of ours.
+    bool HoldReader(int fd, bool held);
     // One FileNotifyMessage to each task whose options let the event through.
     int SendEventMsg(const _EventItem* eventItem);
 

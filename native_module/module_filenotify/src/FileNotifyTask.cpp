@@ -12,7 +12,10 @@ namespace Engine {
 
 FileNotifyTask::FileNotifyTask()
     : Framework::Task("filenotify_task", "filenotify_feature", Framework::TaskCondition::TASK_TYPE_RESIDENT,
-                      kQueueCapacity) {}
+                      kQueueCapacity),
+      flowControl(
+          *this, [this](int reader, bool held) { HoldReader(reader, held); },
+          [this](int reader, int taskId) { return IsReaderShared(reader, taskId); }) {}
 
 FileNotifyTask::~FileNotifyTask() {
     // Pending records go before the engines; the members then unwind in
@@ -50,12 +53,31 @@ int FileNotifyTask::FanotifyEventAction(int fd, unsigned int /*events*/, void* /
     return 0;
 }
 
+void FileNotifyTask::HoldReader(int reader, bool held) {
+    if (!fileInotifyWatch.HoldReader(reader, held)) fileFanotifyWatch.HoldReader(reader, held);
+}
+
+bool FileNotifyTask::IsReaderShared(int reader, int taskId) const {
+    std::set<int> taskIds;
+    fileInotifyWatch.GetWatchData().GetTaskIdSet(reader, taskIds);
+    fileFanotifyWatch.GetWatchData().GetTaskIdSet(reader, taskIds);
+    taskIds.erase(taskId);
+    return !taskIds.empty();
+}
+
+int FileNotifyTask::NextWaitMs() const {
+    const int service = flowControl.NextServiceMs();
+    return service >= 0 && service < waitTimeout ? service : waitTimeout;
+}
+
 int FileNotifyTask::Run() {
     passCount = 0;
     for (;;) {
         if (IsCancelling()) return 0;
         // Negative: messages are waiting (or the wait timed out): drain now.
-        if (GetEventWaiter().WaitAndHandleEvent(waitTimeout, 128) < 0) BulkConsumeMsg(bulkMsgCount);
+        if (GetEventWaiter().WaitAndHandleEvent(NextWaitMs(), 128) < 0) BulkConsumeMsg(bulkMsgCount);
+        // A consumer that drained wakes this loop through the waiter.
+        if (flowControl.IsServiceDue(TakeDrainSignal())) flowControl.Service();
         // The timer counts passes, not time: idle, a pass is one full wait.
         if (++passCount >= timerPassThreshold) {
             TimerSchduler();
@@ -88,10 +110,10 @@ int FileNotifyTask::AddInotifyWatch(int taskId, const std::string& path, unsigne
     }
     if ((mask & IN_CREATE) != 0 && opt.simulateCreate) {
         const unsigned int created = SDK::FileUtils::IsFile(path) ? IN_CREATE : (IN_CREATE | IN_ISDIR);
-        auto* message = new FileNotifyMessage(0, path, created);
+        auto message = std::make_unique<FileNotifyMessage>(0, path, created);
         message->SetExtParm(opt.extParm);
         message->SetWatchFile(watchId, path);  // the watch it announces, like its later events
-        SendMsg(static_cast<unsigned long>(taskId), "f", message);
+        flowControl.Send(taskId, std::move(message), -1);
         FN_LOG(LOG_DEBUG, "simulate send add mesage taskId=%d;watchedObject=%s;mask=%u", taskId, path, created);
     }
     return 0;

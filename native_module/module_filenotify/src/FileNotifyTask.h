@@ -6,6 +6,7 @@
 
 #include "FileFanotifyWatch.h"
 #include "FileInotifyWatch.h"
+#include "FileNotifyFlowControl.h"
 #include "FileNotifyOpt.h"
 #include "FileNotifyWatchService.h"
 #include "framework/Task.h"
@@ -74,6 +75,8 @@ public:
 
     int GetPassCount() const { return passCount; }
     const std::list<std::unique_ptr<_PendingWatchItem>>& GetPendingWatchList() const { return pendingWatchList; }
+    // Delivery of event messages to the consumers, for the engines.
+    FileNotifyFlowControl& GetFlowControl() { return flowControl; }
     // The engines, for callers that already run on the task's thread.
     FileInotifyWatch& GetInotifyWatch() { return fileInotifyWatch; }
     FileFanotifyWatch& GetFanotifyWatch() { return fileFanotifyWatch; }
@@ -82,6 +85,13 @@ protected:
     ~FileNotifyTask() override;
 
 private:
+    // Stops or resumes reading the event descriptor `reader`.
+    void HoldReader(int reader, bool held);
+    bool IsReaderShared(int reader, int taskId) const;
+    int NextWaitMs() const;
+
+    // Before the engines: they send through it until they are gone.
+    FileNotifyFlowControl flowControl;
     FileInotifyWatch fileInotifyWatch;
     FileFanotifyWatch fileFanotifyWatch;
     std::list<std::unique_ptr<_PendingWatchItem>> pendingWatchList;

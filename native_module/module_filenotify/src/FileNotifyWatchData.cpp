@@ -1,5 +1,7 @@
 #include "FileNotifyWatchData.h"
 
+#include <climits>
+
 #include "CpuYield.h"
 #include "FileNotifyLog.h"
 #include "FileNotifyUtils.h"
@@ -61,6 +63,14 @@ void FileNotifyWatchData::ErasePathOf(const std::string& path) {
         FN_LOG(LOG_DEBUG, "delete fd+wd map of filepath %s", path);
     } else if (folderWatchMap.erase(path) != 0) {
         FN_LOG(LOG_DEBUG, "delete fd+wd map of folderpath %s", path);
+    }
+}
+
+void FileNotifyWatchData::GetTaskIdSet(int fd, std::set<int>& taskIds) const {
+    for (auto it = watchItemMap.lower_bound(WatchKey(fd, INT_MIN)); it != watchItemMap.end() && it->first.first == fd;
+         ++it) {
+        for (const auto& record : it->second)
+            taskIds.insert(record->taskId);
     }
 }
 

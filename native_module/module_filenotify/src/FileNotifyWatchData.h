@@ -67,6 +67,8 @@ public:
         auto found = watchItemMap.find(WatchKey(fd, wd));
         return found == watchItemMap.end() ? nullptr : &found->second;
     }
+    // Adds the task of every record of instance fd to taskIds.
+    void GetTaskIdSet(int fd, std::set<int>& taskIds) const;
     // Appends the records on (fd, wd) to watchItemList, which is not cleared.
     // The records stay owned by the registry.
     int GetWatchItemList(int fd, int wd, WatchItemList& watchItemList) const;
