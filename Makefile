@@ -13,11 +13,15 @@ endif
 
 DEB_PACKAGES := g++ cmake ninja-build libpoco-dev libgtest-dev libgmock-dev \
                 libbenchmark-dev libconcurrentqueue-dev
+# The peer that bench/cli_bench runs beside filenotify (inotifywait).
+BENCH_PACKAGES := inotify-tools
 
 .PHONY: deps build run test test-plain test-asan bench format tidy clean
 
-deps:
-	@missing=""; for p in $(DEB_PACKAGES); do \
+# Installs those of the Debian packages $(1) that are missing; apt-get runs
+# only when one is.
+define install_missing
+	@missing=""; for p in $(1); do \
 	  dpkg-query -W -f='$${Status}' $$p 2>/dev/null | grep -q "install ok installed" || missing="$$missing $$p"; \
 	done; \
 	if [ -n "$$missing" ]; then \
@@ -25,6 +29,10 @@ deps:
 	  SUDO=""; [ "$$(id -u)" -ne 0 ] && SUDO=sudo; \
 	  $$SUDO apt-get update && DEBIAN_FRONTEND=noninteractive $$SUDO apt-get install -y $$missing; \
 	fi
+endef
+
+deps:
+	$(call install_missing,$(DEB_PACKAGES))
 
 $(BUILD)/build.ninja: | deps
 	cmake -S . -B $(BUILD) -G Ninja $(CMAKE_FLAGS)
@@ -50,10 +58,12 @@ test-asan: deps $(ASAN_BUILD)/build.ninja
 test: test-plain test-asan
 
 bench: build
+	$(call install_missing,$(BENCH_PACKAGES))
 	$(BUILD)/bin/framework_bench --benchmark_min_time=0.5
 	$(BUILD)/bin/inotify_bench
 	$(BUILD)/bin/module_bench
 	$(BUILD)/bin/fanotify_bench
+	$(BUILD)/bin/cli_bench
 
 format:
 	git ls-files '*.cpp' '*.h' | xargs clang-format -i

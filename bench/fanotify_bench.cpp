@@ -57,11 +57,9 @@ constexpr long kFiles = 100000;  // a modify and a close-write each, one record 
 constexpr unsigned int kNotifyMask = FAN_MODIFY | FAN_CLOSE_WRITE;
 constexpr int kWaitMs = 120000;
 constexpr std::size_t kReadSize = 5120;  // the module's read size
-constexpr const char* kMaxQueued = "/proc/sys/fs/fanotify/max_queued_events";
 
 std::atomic<bool> g_failed{false};
-char g_savedQueue[32];
-volatile std::sig_atomic_t g_queueRaised = 0;
+BenchUtil::Sysctl g_maxQueued{"/proc/sys/fs/fanotify/max_queued_events", {}, 0};
 
 void Fail(benchmark::State& state, const std::string& why) {
     g_failed = true;
@@ -70,28 +68,13 @@ void Fail(benchmark::State& state, const std::string& why) {
 
 // Async-signal-safe; runs more than once harmlessly.
 void RestoreQueue() {
-    if (!g_queueRaised) return;
-    g_queueRaised = 0;
-    const int fd = ::open(kMaxQueued, O_WRONLY | O_CLOEXEC);
-    if (fd >= 0) (void)!::write(fd, g_savedQueue, std::strlen(g_savedQueue));
-    if (fd >= 0) ::close(fd);
+    BenchUtil::RestoreSysctl(g_maxQueued);
 }
 
 void RestoreAndReraise(int sig) {
     RestoreQueue();
     std::signal(sig, SIG_DFL);
     std::raise(sig);
-}
-
-bool RaiseQueue(long value) {
-    long old = -1, now = -1;
-    std::ifstream(kMaxQueued) >> old;
-    if (old < 0 || old >= value) return old >= 0;
-    std::snprintf(g_savedQueue, sizeof g_savedQueue, "%ld\n", old);
-    g_queueRaised = 1;  // before the write: a signal in between still restores
-    std::ofstream(kMaxQueued) << value << "\n";
-    std::ifstream(kMaxQueued) >> now;
-    return now == value;
 }
 
 // Counts what reaches it, allows every access (0), and stamps the arrival
@@ -398,7 +381,7 @@ int main(int argc, char** argv) {
     for (int sig : {SIGINT, SIGTERM, SIGHUP, SIGQUIT, SIGSEGV, SIGBUS, SIGFPE, SIGILL, SIGABRT})
         std::signal(sig, RestoreAndReraise);
     std::atexit(RestoreQueue);
-    if (!RaiseQueue(4 * kFiles))
+    if (!BenchUtil::RaiseSysctl(g_maxQueued, 4 * kFiles))
         std::fprintf(stderr, "cannot raise fs.fanotify.max_queued_events: the notify figure may overflow\n");
     benchmark::RunSpecifiedBenchmarks();
     benchmark::Shutdown();

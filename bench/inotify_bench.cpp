@@ -88,55 +88,22 @@ bool WaitFor(Cond cond, std::chrono::seconds timeout) {
 
 // ---- kernel settings -------------------------------------------------------
 
-// A setting raised for the run. The old text sits in a fixed buffer so that a
-// signal handler can write it back without allocating.
-struct Sysctl {
-    const char* path;
-    char saved[32];
-    volatile std::sig_atomic_t raised;
-};
+using BenchUtil::ReadLong;
+using BenchUtil::Sysctl;
+
 Sysctl g_maxQueuedEvents{"/proc/sys/fs/inotify/max_queued_events", {}, 0};
 Sysctl g_maxUserWatches{"/proc/sys/fs/inotify/max_user_watches", {}, 0};
 
-bool WriteText(const char* path, const char* text, std::size_t length) {
-    const int fd = ::open(path, O_WRONLY | O_CLOEXEC);
-    if (fd < 0) return false;
-    const bool written = ::write(fd, text, length) == static_cast<ssize_t>(length);
-    ::close(fd);
-    return written;
-}
-
-long ReadLong(const char* path) {
-    std::ifstream in(path);
-    long value = -1;
-    in >> value;
-    return value;
-}
-
 // Async-signal-safe; runs more than once harmlessly.
 void RestoreSysctls() {
-    for (Sysctl* setting : {&g_maxQueuedEvents, &g_maxUserWatches}) {
-        if (!setting->raised) continue;
-        setting->raised = 0;
-        WriteText(setting->path, setting->saved, std::strlen(setting->saved));
-    }
+    for (Sysctl* setting : {&g_maxQueuedEvents, &g_maxUserWatches})
+        BenchUtil::RestoreSysctl(*setting);
 }
 
 void RestoreAndReraise(int sig) {
     RestoreSysctls();
     std::signal(sig, SIG_DFL);
     std::raise(sig);
-}
-
-// False when the setting is below value and cannot be raised.
-bool RaiseSysctl(Sysctl& setting, long value) {
-    const long old = ReadLong(setting.path);
-    if (old < 0) return false;
-    if (old >= value) return true;
-    std::snprintf(setting.saved, sizeof(setting.saved), "%ld\n", old);
-    setting.raised = 1;  // before the write: a signal in between still restores
-    const std::string text = std::to_string(value) + "\n";
-    return WriteText(setting.path, text.c_str(), text.size()) && ReadLong(setting.path) == value;
 }
 
 // max_user_watches at which the module's share covers the tree and its root.
@@ -507,7 +474,8 @@ int main(int argc, char** argv) {
     for (int sig : {SIGINT, SIGTERM, SIGHUP, SIGQUIT, SIGSEGV, SIGBUS, SIGFPE, SIGILL, SIGABRT})
         std::signal(sig, RestoreAndReraise);
     std::atexit(RestoreSysctls);
-    if (!RaiseSysctl(g_maxQueuedEvents, kMaxQueuedEvents) || !RaiseSysctl(g_maxUserWatches, NeededMaxUserWatches()))
+    if (!BenchUtil::RaiseSysctl(g_maxQueuedEvents, kMaxQueuedEvents) ||
+        !BenchUtil::RaiseSysctl(g_maxUserWatches, NeededMaxUserWatches()))
         std::fprintf(stderr, "cannot raise fs.inotify limits (root needed): the figures may fail\n");
     benchmark::RunSpecifiedBenchmarks();
     benchmark::Shutdown();
