@@ -1,3 +1,4 @@
+#include <sys/fanotify.h>
 #include <sys/inotify.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -12,6 +13,7 @@
 #include <Poco/AutoPtr.h>
 #include <Poco/Event.h>
 
+#include "ChildProcess.h"
 #include "FileNotifyLog.h"
 #include "FileNotifyMessage.h"
 #include "FileNotifyTask.h"
@@ -31,12 +33,12 @@ constexpr unsigned int kOverflow = Engine::FileNotifyMessage::kOverflowMask;
 // The module's task with consumers that can pause, on a tmpfs folder.
 class FlowTest : public ::testing::Test {
 protected:
-    // Starts the task; its inotify instances get a kernel queue of `queued`
-    // events (the limit is read when an instance is made).
-    void StartModule(int queued) {
+    // Starts the task; its instances get a kernel queue of `queued` events
+    // (the limit is read when an instance is made).
+    void StartModule(int queued, const char* setting = "/proc/sys/fs/inotify/max_queued_events") {
         {
-            TestUtil::ScopedSysctl setting("/proc/sys/fs/inotify/max_queued_events", queued);
-            if (!setting.ok()) GTEST_SKIP() << setting.reason();
+            TestUtil::ScopedSysctl limit(setting, queued);
+            if (!limit.ok()) GTEST_SKIP() << limit.reason();
             task = new Engine::FileNotifyTask();
         }
         moduleRunner = std::make_unique<Framework::TaskRunner>(task.get());
@@ -57,15 +59,36 @@ protected:
     void Pause(RecordingConsumer& consumer) {
         consumer.onEvent = [this](const Engine::FileNotifyMessage&) { gate.wait(); };
     }
-    int Watch(RecordingConsumer& consumer, const std::string& path, unsigned int mask, bool recursive = false) {
+    int Watch(RecordingConsumer& consumer, const std::string& path, unsigned int mask, bool recursive = false,
+              bool inotifyOnly = true) {
         Engine::_FileNotifyOpt opt;
         opt.watchChildFolder = recursive;
-        opt.inotifyOnly = true;
+        opt.inotifyOnly = inotifyOnly;
         opt.simulateCreate = false;
         std::string reply;
         // Sent from this thread: a paused consumer's own thread is busy.
         return consumer.SyncSendMsg(task->GetTaskId(), "f",
                                     new Engine::FileNotifyWatchMessage(&consumer, path, {mask}, opt), reply, 10000, 1);
+    }
+    // Makes files until the paused consumer's queue is congested (it takes
+    // up to 64 at once before it handles the first), then `more` files that
+    // overflow the kernel's queue, then the folder `lost` when asked.
+    void FillThenOverflow(RecordingConsumer& consumer, int more, bool folder = false) {
+        int made = 0;
+        ASSERT_TRUE(TestUtil::WaitUntil([&] {
+            if (made < 1000) std::ofstream(dir / ("before" + std::to_string(made++))) << "x";
+            return consumer.GetQueuedMsgCount() >= 12;
+        }));
+        for (int i = 0; i < more; ++i)
+            std::ofstream(dir / ("during" + std::to_string(i))) << "x";
+        if (folder) TestUtil::MakeDir(dir / "lost");
+    }
+    bool WaitForOverflow(RecordingConsumer& consumer, int notifyType) {
+        return TestUtil::WaitUntil([&] {
+            for (const auto& e : consumer.Events())
+                if (e.mask == kOverflow && e.lost == 0 && e.notifyType == notifyType) return true;
+            return false;
+        });
     }
     static std::vector<std::string> Names(RecordingConsumer& consumer, const std::string& folder) {
         std::vector<std::string> names;
@@ -141,21 +164,9 @@ TEST_F(FlowTest, KernelOverflowReachesTheConsumerAndTheTreeIsWalkedAgain) {
     ASSERT_EQ(0, Watch(*a, dir.path(), IN_CREATE, true));
     // The paused consumer fills its queue, the module stops reading, and
     // the kernel's small queue overflows while a folder comes and fills.
-    // (It takes up to 64 at once before it handles the first.)
-    int before = 0;
-    ASSERT_TRUE(TestUtil::WaitUntil([&] {
-        if (before < 1000) TestUtil::Touch(dir / ("before" + std::to_string(before++)));
-        return a->GetQueuedMsgCount() >= 12;
-    }));
-    TestUtil::MakeDir(dir / "lost");
-    for (int i = 0; i < 100; ++i)
-        TestUtil::Touch(dir / ("during" + std::to_string(i)));
+    FillThenOverflow(*a, 100, true);
     gate.set();
-    ASSERT_TRUE(TestUtil::WaitUntil([&] {
-        for (const auto& e : a->Events())
-            if (e.mask == kOverflow && e.lost == 0 && e.notifyType == 0) return true;
-        return false;
-    })) << ::testing::PrintToString(Names(*a, dir.path()));
+    ASSERT_TRUE(WaitForOverflow(*a, 0)) << ::testing::PrintToString(Names(*a, dir.path()));
     EXPECT_TRUE(log.Has(Engine::LOG_ERROR, "IN_Q_OVERFLOW inotify queue overflow"));
     // The folder made in the lost window is watched now.
     TestUtil::Touch(dir / "lost/after");
@@ -164,6 +175,18 @@ TEST_F(FlowTest, KernelOverflowReachesTheConsumerAndTheTreeIsWalkedAgain) {
             if (e.path == dir / "lost/after" && e.mask == IN_CREATE) return true;
         return false;
     })) << ::testing::PrintToString(Names(*a, dir.path()));
+}
+
+TEST_F(FlowTest, FanotifyOverflowReachesTheConsumer) {
+    if (!TestUtil::FanotifyMissing().empty()) GTEST_SKIP() << TestUtil::FanotifyMissing();
+    StartModule(64, "/proc/sys/fs/fanotify/max_queued_events");
+    auto a = Consumer("flow_fanotify_overflow", 16);
+    Pause(*a);
+    ASSERT_EQ(0, Watch(*a, dir.path(), FAN_CLOSE_WRITE, true, false));
+    FillThenOverflow(*a, 200);
+    gate.set();
+    ASSERT_TRUE(WaitForOverflow(*a, 1)) << ::testing::PrintToString(Names(*a, dir.path()));
+    EXPECT_TRUE(log.Has(Engine::LOG_ERROR, "fanotify queue overflow"));
 }
 
 TEST_F(FlowTest, EveryRenameIsOneEventAlsoUnderAFlood) {
