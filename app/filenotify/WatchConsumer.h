@@ -1,6 +1,6 @@
 #pragma once
 
-#include <atomic>
+#include <chrono>
 #include <functional>
 #include <memory>
 #include <string>
@@ -9,21 +9,33 @@
 #include <Poco/Glob.h>
 
 #include "CliSettings.h"
-#include "EventPrinter.h"
+#include "EventFormatter.h"
 #include "MixedTask.h"
+#include "OutputSink.h"
+#include "framework/Event.h"
 
 namespace FileNotifyCli {
 
 // The command's consumer task: receives the module's events on its own
 // thread, prints them, and answers permission events by the --deny rules.
+// The lines gather in its buffer, written out whenever its queue is empty or
+// the buffer is full.
 class WatchConsumer : public Engine::MixedTask {
 public:
-    // onCountReached runs once, on this task's thread, after --count events.
-    WatchConsumer(const CliSettings& settings, EventPrinter& printer, std::function<void()> onCountReached);
+    // stop runs at most once, on this task's thread: after --count events, or
+    // when the output fails (output.Error() then tells why).
+    WatchConsumer(const CliSettings& settings, OutputSink& output, std::function<void()> stop);
 
-    int Run() override { return ServeMessages(1000); }
+    int Run() override;
     // The result answers a permission event: 2 denies.
     int FileNotifyMessageAction(Engine::FileNotifyMessage* message) override;
+    // Writes out the buffered lines; this task's thread.
+    void Flush();
+
+    // Read once the task has stopped: the events lost that loss reports
+    // counted, and the kernel queue overflows reported.
+    unsigned long long LostReported() const { return _lostReported; }
+    unsigned long long KernelOverflows() const { return _kernelOverflows; }
 
 protected:
     ~WatchConsumer() override = default;
@@ -33,14 +45,28 @@ private:
     // reports what it needs to follow the trees.
     bool Wanted(const Engine::FileNotifyMessage& message) const;
     bool Denied(const Engine::FileNotifyMessage& message);
+    bool CountReached() const { return _settings.count > 0 && _printed >= _settings.count; }
+    void Print(const Engine::FileNotifyMessage& message, const struct stat* status, const Verdict* verdict);
     void Counted();
+    void ReportLoss(const Engine::FileNotifyMessage& report);
+    void WarnOfLoss(int notifyType, unsigned long long lost);
+    void WatchPipeReader();
+    int OnPipeReaderGone(int fd, unsigned int events, void* arg);
+    void Stop();
 
     const CliSettings& _settings;
-    EventPrinter& _printer;
-    std::function<void()> _onCountReached;
+    OutputSink& _output;
+    std::function<void()> _stop;
+    bool _stopping = false;
+    EventFormatter _formatter;
+    std::string _buffer;
+    std::unique_ptr<Framework::Event> _pipeReaderGone;
     std::vector<std::unique_ptr<Poco::Glob>> _deny;  // Glob::match is not const
     unsigned int _requested;
     long _printed = 0;
+    unsigned long long _lostReported = 0;
+    unsigned long long _kernelOverflows = 0;
+    std::chrono::steady_clock::time_point _lastLossWarning[2];  // kernel, this consumer
 };
 
 }  // namespace FileNotifyCli

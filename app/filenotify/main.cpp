@@ -10,6 +10,7 @@
 #include <cerrno>
 #include <cstring>
 #include <ctime>
+#include <filesystem>
 #include <iostream>
 #include <system_error>
 
@@ -28,9 +29,9 @@
 
 #include "CliSettings.h"
 #include "EventNames.h"
-#include "EventPrinter.h"
 #include "FileNotifyUtils.h"
 #include "FileNotifyWatchMessage.h"
+#include "OutputSink.h"
 #include "WatchConsumer.h"
 #include "WatchLimitTap.h"
 #include "framework/ConfigManager.h"
@@ -51,6 +52,7 @@ constexpr int kExitUsage = 2;
 constexpr int kExitNoCapability = 3;
 constexpr int kExitNoModule = 4;
 constexpr int kExitNothingWatched = 1;
+constexpr int kExitOutputFailed = 5;
 
 long PositiveNumber(const std::string& option, const std::string& value) {
     Poco::Int64 number = 0;
@@ -58,6 +60,15 @@ long PositiveNumber(const std::string& option, const std::string& value) {
         throw Poco::Util::InvalidArgumentException("--" + option + " needs a number above 0, not '" + value + "'");
     }
     return static_cast<long>(number);
+}
+
+// path against base, without "." or ".." parts or a trailing "/".
+std::string AbsolutePath(const std::string& base, const std::string& path) {
+    if (path.empty()) return path;
+    std::string normal = (std::filesystem::path(base) / path).lexically_normal().string();
+    while (normal.size() > 1 && normal.back() == '/')
+        normal.pop_back();
+    return normal;
 }
 
 // Why fanotify cannot be used here, or empty when it can.
@@ -111,6 +122,7 @@ private:
     std::string BinaryFolder() const { return Poco::Path(config().getString("application.path")).parent().toString(); }
     int WatchAll(Framework::ModuleHost& host, WatchConsumer& consumer, const WatchLimitTap& tap);
     int WaitForStop();
+    int Finish(const WatchConsumer& consumer, const OutputSink& output, int result) const;
 
     CliSettings _settings;
     std::map<std::string, bool CliSettings::*> _flags;
@@ -222,9 +234,7 @@ int FileNotifyApp::CheckArguments(const std::vector<std::string>& args) {
     }
     if (guard && (_settings.events & ~0x21U) != 0) return Usage("guard reports open and access only");
     // Against the folder it was started in: --daemon moves to "/" before this.
-    const auto absolute = [this](const std::string& path) {
-        return path.empty() ? path : Poco::Path(_startDir).resolve(Poco::Path(path)).toString();
-    };
+    const auto absolute = [this](const std::string& path) { return AbsolutePath(_startDir, path); };
     for (std::size_t i = 1; i < args.size(); ++i)
         _settings.paths.push_back(absolute(args[i]));
     _settings.output = absolute(_settings.output);
@@ -291,6 +301,8 @@ int FileNotifyApp::WaitForStop() {
 
 int FileNotifyApp::main(const std::vector<std::string>& args) {
     if (_done) return EXIT_OK;
+    // A reader gone shows as EPIPE from write, which ends the program with a reason.
+    ::signal(SIGPIPE, SIG_IGN);
     const int bad = CheckArguments(args);
     if (bad != 0) return bad;
     sigset_t stopSignals;
@@ -307,10 +319,10 @@ int FileNotifyApp::main(const std::vector<std::string>& args) {
             return kExitNoCapability;
         }
     }
-    EventPrinter printer(_settings.json, _settings.output);
-    if (!printer.IsOpen()) {
-        std::cerr << "filenotify: cannot open " << _settings.output << ": " << std::generic_category().message(errno)
-                  << std::endl;
+    OutputSink output(_settings.output);
+    if (output.Error() != 0) {
+        std::cerr << "filenotify: cannot open " << _settings.output << ": "
+                  << std::generic_category().message(output.Error()) << std::endl;
         return kExitUsage;
     }
     ConfigureAgent();
@@ -325,14 +337,28 @@ int FileNotifyApp::main(const std::vector<std::string>& args) {
         std::cerr << "filenotify: cannot load the module " << module << ": " << error << std::endl;
         return kExitNoModule;
     }
-    Poco::AutoPtr<WatchConsumer> consumer(new WatchConsumer(_settings, printer, [] { terminate(); }));
+    Poco::AutoPtr<WatchConsumer> consumer(new WatchConsumer(_settings, output, [] { terminate(); }));
     Framework::TaskRunner consumerRunner(consumer.get());
     consumerRunner.Start();
     const int requested = WatchAll(host, *consumer, tap);
     const int result = requested > 0 ? WaitForStop() : kExitNothingWatched;
     host.Stop();  // first: a permission event may be waiting for the consumer
     consumerRunner.Stop();
-    return result;
+    return Finish(*consumer, output, result);
+}
+
+// After the consumer has stopped: what was lost, and whether the output failed.
+int FileNotifyApp::Finish(const WatchConsumer& consumer, const OutputSink& output, int result) const {
+    const unsigned long long lost = consumer.LostReported() + consumer.GetDroppedMsgCount();
+    const unsigned long long overflows = consumer.KernelOverflows();
+    if (lost > 0 || overflows > 0) {
+        std::cerr << "filenotify: " << lost << (lost == 1 ? " event" : " events") << " lost in user space, "
+                  << overflows << " kernel queue overflow" << (overflows == 1 ? "" : "s") << std::endl;
+    }
+    if (output.Error() == 0) return result;
+    std::cerr << "filenotify: cannot write the output: " << std::generic_category().message(output.Error())
+              << std::endl;
+    return kExitOutputFailed;
 }
 
 }  // namespace
