@@ -83,7 +83,7 @@ int Task::FindTaskIdByName(const std::string& taskName) {
     return TaskRegistry::Instance().FindIdByName(taskName);
 }
 
-bool Task::TryEnqueue(Message* msg) {
+bool Task::TryEnqueue(Message* msg, bool wake) {
     if (_queued.fetch_add(1, std::memory_order_acq_rel) >= static_cast<std::size_t>(_capacity)) {
         _queued.fetch_sub(1, std::memory_order_acq_rel);
         return false;
@@ -92,7 +92,7 @@ bool Task::TryEnqueue(Message* msg) {
         _queued.fetch_sub(1, std::memory_order_acq_rel);
         return false;
     }
-    _waiter.Notify();
+    if (wake) _waiter.Notify();
     return true;
 }
 
@@ -205,7 +205,7 @@ int Task::SendMsg(unsigned long taskId, const char* type, Message* msg) {
     return receiver->EnqueueMsg(owned.release());
 }
 
-int Task::TrySendMsg(unsigned long taskId, const char* type, std::unique_ptr<Message>& msg) {
+int Task::TrySendMsg(unsigned long taskId, const char* type, std::unique_ptr<Message>& msg, bool wake) {
     if (!msg) return MSG_ERR_NULL;
     std::shared_lock<std::shared_mutex> lock;
     Task* receiver = LockConsumer(taskId, type, lock);
@@ -213,14 +213,23 @@ int Task::TrySendMsg(unsigned long taskId, const char* type, std::unique_ptr<Mes
         msg.reset();
         return MSG_ERR_UNKNOWN_TASK;
     }
-    if (!receiver->TryEnqueue(msg.get())) {
+    if (!receiver->TryEnqueue(msg.get(), wake)) {
+        receiver->_waiter.Notify();
         receiver->AskDrainSignal(this);
         return MSG_ERR_QUEUE_FULL;
     }
     static_cast<void>(msg.release());  // the receiver's now
     if (receiver->_queued.load(std::memory_order_acquire) < receiver->_highWater) return MSG_OK;
+    // Congested: the receiver must get going whatever the sender batches.
+    receiver->_waiter.Notify();
     receiver->AskDrainSignal(this);
     return MSG_OK_HIGH_WATER;
+}
+
+void Task::WakeConsumer(unsigned long taskId, const char* type) {
+    std::shared_lock<std::shared_mutex> lock;
+    Task* receiver = LockConsumer(taskId, type, lock);
+    if (receiver != nullptr) receiver->_waiter.Notify();
 }
 
 bool Task::GetConsumerQueue(unsigned long taskId, const char* type, QueueState& state) {

@@ -107,7 +107,13 @@ public:
     // receiver signals this task once it has drained its queue to its
     // low-water mark: TakeDrainSignal() turns true and this task's wait is
     // woken. Any other result frees the message, as SendMsg does.
-    int TrySendMsg(unsigned long taskId, const char* type, std::unique_ptr<Message>& msg);
+    // wake false: the receiver is not woken for this message (unless its
+    // queue has reached the high-water mark); the sender calls WakeConsumer
+    // once its batch of messages is queued. Every wake-up of a thread costs
+    // more than queueing a message, so a burst is better handed over whole.
+    int TrySendMsg(unsigned long taskId, const char* type, std::unique_ptr<Message>& msg, bool wake = true);
+    // Wakes the consumer under (taskId, type) to handle what is queued.
+    void WakeConsumer(unsigned long taskId, const char* type);
     // True once for each drain signal received since the last call.
     bool TakeDrainSignal() { return _drainSignal.exchange(false, std::memory_order_acq_rel); }
 
@@ -174,7 +180,7 @@ protected:
 private:
     using Queue = moodycamel::ConcurrentQueue<Message*, moodycamel::ConcurrentQueueDefaultTraits>;
 
-    bool TryEnqueue(Message* msg);
+    bool TryEnqueue(Message* msg, bool wake = true);
     void CountDrop();
     // Logs the drops not reported yet: at most once a second unless forced.
     void ReportDrops(bool force);

@@ -30,11 +30,30 @@ void FileNotifyFlowControl::Send(int taskId, std::unique_ptr<Framework::Message>
             return;
         }
     }
-    const int result = _sender.TrySendMsg(static_cast<unsigned long>(taskId), "f", message);
+    const int result = _sender.TrySendMsg(static_cast<unsigned long>(taskId), "f", message, reader < 0);
+    if (result == Framework::MSG_OK && reader >= 0) CountUnwoken(taskId);
     if (result != Framework::MSG_OK_HIGH_WATER && result != Framework::MSG_ERR_QUEUE_FULL) return;
     Consumer& consumer = Congested(taskId);
     if (message) consumer.waiting.push_back(std::move(message));
     Hold(consumer, reader);
+}
+
+void FileNotifyFlowControl::CountUnwoken(int taskId) {
+    for (auto& entry : _unwoken) {
+        if (entry.first != taskId) continue;
+        if (++entry.second < kWakeBatch) return;
+        _sender.WakeConsumer(static_cast<unsigned long>(taskId), "f");
+        entry.second = 0;
+        return;
+    }
+    _unwoken.emplace_back(taskId, 1);
+}
+
+void FileNotifyFlowControl::WakeConsumers() {
+    for (const auto& entry : _unwoken) {
+        if (entry.second > 0) _sender.WakeConsumer(static_cast<unsigned long>(entry.first), "f");
+    }
+    _unwoken.clear();
 }
 
 bool FileNotifyFlowControl::IsServiceDue(bool drainSignalled) const {

@@ -7,6 +7,8 @@
 #include <map>
 #include <memory>
 #include <set>
+#include <utility>
+#include <vector>
 
 namespace Framework {
 class Message;
@@ -38,6 +40,9 @@ public:
     static constexpr std::chrono::milliseconds kStallLimit{2000};
     // How often a congested consumer's progress is looked at.
     static constexpr std::chrono::milliseconds kStallCheck{250};
+    // Waking a thread costs more than handling a message: a consumer sleeps
+    // until this many are queued for it, or the read is over.
+    static constexpr int kWakeBatch = 64;
     // Told when a reader must stop reading (held) or may read again.
     using HoldHandler = std::function<void(int reader, bool held)>;
     // Whether tasks other than taskId receive events read from reader.
@@ -52,8 +57,12 @@ public:
 
     // Sends message to the consumer registered under taskId with the type
     // "f". reader: the descriptor whose events made it, held while this
-    // consumer is congested; -1 when none (it must not or cannot wait).
+    // consumer is congested; -1 when none (it must not or cannot wait). The
+    // events of a reader are handed over in batches: the consumer is woken
+    // for every kWakeBatch of them and by WakeConsumers, which the reader's
+    // callback calls when it is done.
     void Send(int taskId, std::unique_ptr<Framework::Message> message, int reader);
+    void WakeConsumers();
     bool IsHeld(int reader) const { return _holds.count(reader) != 0; }
     bool IsCongested() const { return !_consumers.empty(); }
     // Whether Service has work now: a drain was signalled, or a congested
@@ -79,6 +88,7 @@ private:
     };
 
     Consumer& Congested(int taskId);
+    void CountUnwoken(int taskId);
     void Hold(Consumer& consumer, int reader);
     void ReleaseAll(Consumer& consumer);
     // The consumer has drained: report its loss, move its waiting messages.
@@ -90,8 +100,9 @@ private:
     Framework::Task& _sender;
     HoldHandler _onHold;
     SharedQuery _isShared;
-    std::map<int, Consumer> _consumers;  // the congested ones, by task id
-    std::map<int, int> _holds;           // reader -> how many consumers hold it
+    std::map<int, Consumer> _consumers;         // the congested ones, by task id
+    std::map<int, int> _holds;                  // reader -> how many consumers hold it
+    std::vector<std::pair<int, int>> _unwoken;  // (task id, messages queued since its last wake-up)
     Clock::time_point _nextCheck;
     std::uint64_t _dropped = 0;
 };

@@ -44,12 +44,14 @@ int FileNotifyTask::InotifyEventAction(int fd, unsigned int /*events*/, void* /*
     // Aligned for the inotify_event records the kernel writes into it.
     alignas(struct inotify_event) char buffer[kEventReadBufferSize];
     fileInotifyWatch.ReadEvents(fd, buffer, eventBufferSize);
+    flowControl.WakeConsumers();
     return 0;
 }
 
 int FileNotifyTask::FanotifyEventAction(int fd, unsigned int /*events*/, void* /*arg*/) {
     alignas(8) char buffer[kEventReadBufferSize];
     fileFanotifyWatch.ReadEvents(fd, buffer, eventBufferSize);
+    flowControl.WakeConsumers();
     return 0;
 }
 
