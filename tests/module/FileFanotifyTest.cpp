@@ -54,21 +54,6 @@ bool IsClosed(int fd) {
     return ::fcntl(fd, F_GETFD) < 0 && errno == EBADF;
 }
 
-TEST(FileFanotify, MarkFlagsFollowTheOptions) {
-    struct {
-        bool symLink, onlyDir, mount;
-        unsigned int add, remove;
-    } cases[] = {{false, false, false, 0x05, 0x02}, {true, true, true, 0x19, 0x12}, {false, true, false, 0x0d, 0x02}};
-    for (const auto& c : cases) {
-        Engine::_FileNotifyOpt opt;
-        opt.watchSymLink = c.symLink;
-        opt.onlyDir = c.onlyDir;
-        opt.wholeMount = c.mount;
-        EXPECT_EQ(c.add, FileFanotify::AddMarkFlags(opt));
-        EXPECT_EQ(c.remove, FileFanotify::RemoveMarkFlags(opt));
-    }
-}
-
 TEST(FileFanotify, MisuseIsLoggedNotFatal) {
     REQUIRE_FANOTIFY();
     TestUtil::LogCapture log(Engine::FileNotifyUtils::GetLoggerPtr());
@@ -303,7 +288,6 @@ TEST_F(FanotifyTaskTest, ClosingTheGroupsReleasesWaitingProcesses) {
     ASSERT_EQ(0, task->Init());
     OpeningChild first(dir / "file");
     OpeningChild second(dir / "file");
-    EXPECT_FALSE(first.Wait(milliseconds(100)));
     task->UnInit();
     ASSERT_TRUE(first.Wait(milliseconds(5000)));
     ASSERT_TRUE(second.Wait(milliseconds(5000)));

@@ -208,21 +208,6 @@ TEST_F(FileInotifyTest, KeepRootWatchRemovesOnlyTheBookkeeping) {
     EXPECT_EQ(1, got.Count(InotifyCallBackParm::TYPE_BATCH_END));
 }
 
-TEST_F(FileInotifyTest, QueueOverflowDropsTheRestAndLaterEventsFlow) {
-    const int queued = TestUtil::ReadIntFile("/proc/sys/fs/inotify/max_queued_events");
-    if (queued <= 0 || queued > 100000) GTEST_SKIP() << "fs.inotify.max_queued_events=" << queued << " is too large";
-    ASSERT_GT(Add(dir.path(), false), 0);
-    // Each file queues create, open and close-write.
-    for (int i = 0; i <= queued / 3; ++i)
-        Touch(dir / std::to_string(i));
-    ASSERT_EQ(0, Read());
-    EXPECT_EQ(1ul, inotify.GetOverflowCount());
-    EXPECT_TRUE(log.Has(LOG_ERROR, "IN_Q_OVERFLOW inotify queue overflow"));
-    Touch(dir / "after");
-    ASSERT_EQ(0, Read());
-    EXPECT_FALSE(got.For(dir / "after").empty());
-}
-
 // Raw buffers: what the decoder does with records the kernel would not write.
 TEST_F(FileInotifyTest, DecoderCopesWithDamagedBuffers) {
     const int root = Add(dir.path(), false);
