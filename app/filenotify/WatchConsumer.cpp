@@ -50,8 +50,9 @@ int WatchConsumer::Run() {
     WatchPipeReader();
     while (!IsCancelling()) {
         if (GetEventWaiter().WaitAndHandleEvent(kWaitMs, kBulkCount) < 0) BulkConsumeMsg(kBulkCount);
-        // A lone event is written at once; a burst in large pieces.
-        if (GetQueuedMsgCount() == 0) Flush();
+        // A lone event is written at once; a burst in large pieces. Never
+        // from inside a handler: a slow output must not delay a verdict.
+        if (GetQueuedMsgCount() == 0 || _buffer.size() >= kFlushBytes) Flush();
     }
     Flush();
     _pipeReaderGone.reset();  // on this thread, which owns the waiter
@@ -136,7 +137,6 @@ void WatchConsumer::Print(const Engine::FileNotifyMessage& message, const struct
     struct timespec now {};
     ::clock_gettime(CLOCK_REALTIME, &now);
     _formatter.Append(_buffer, message, status, verdict, now);
-    if (_buffer.size() >= kFlushBytes) Flush();
 }
 
 void WatchConsumer::Counted() {
