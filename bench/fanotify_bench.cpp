@@ -1,25 +1,50 @@
-// Fanotify figures of the built module (loaded by the host runtime, one
-// consumer task), each against a plain fanotify loop on the same workload:
-//   BM_PermitOverhead  a child opens and closes one file of a folder 100,000
-//                      times: us per open with no mark, with the module's
-//                      permission watch and an allow-all consumer, and with a
-//                      plain responder thread; the extra us over no mark, and
-//                      extra_ratio = module extra / plain extra
-//   BM_NotifyDelivery  create, write and close of 100,000 distinct files, to
-//                      the last close-write at the consumer (with pid and exe)
-//                      or at a read loop that only counts
+// Fanotify figures of the module and of the filenotify command, each against
+// a plain fanotify loop on the same workload.
+//
+// Guarded opens, printed first: a child process opens and closes one file of
+// a folder N times (100,000) per run, under each checker in turn:
+//   none    no checker at all
+//   plain   a responder thread of this program: a FAN_CLASS_CONTENT group,
+//           FAN_OPEN_PERM on the folder, a read loop that allows each event;
+//           the floor
+//   module  the built module loaded here by the host runtime, its permission
+//           watch and a consumer task that allows everything
+//   guard   the built `filenotify guard FOLDER` (no rules: allows everything)
+//           as its own process, used once its stderr says "watching 1 path";
+//           its stdout is drained from a pipe and must hold one verdict=allow
+//           line per open
+// Each round runs every checker once, starting with the next one each round
+// so that none always follows the same one. The table gives per checker the
+// median us per open over the rounds, the median of its extra us per open
+// over the same round's "none", and that extra divided by the plain one.
+//
+// BM_NotifyDelivery (Google Benchmark, after the table): create, write and
+// close of 100,000 distinct files, to the last close-write at a consumer of
+// the module (with pid and exe) or at a read loop that only counts.
+//
+//   fanotify_bench [--quick] [--opens N] [--runs N] [--permit-only] [--benchmark_...]
+//     --quick        10,000 opens and 3 rounds, for trying it out
+//     --permit-only  the guarded opens alone
+//
 // Needs CAP_SYS_ADMIN. Marks only its own folders under /dev/shm. Opens under
-// a permission mark come from a child: the module answers its own process at
-// once. fs.fanotify.max_queued_events is raised for the run, since a slower
-// reader's backlog must fit the queue, and written back at exit or on a signal.
+// a permission mark come from a child: the module and the plain responder
+// would answer this program's own opens at once, and guard's marks would hold
+// them. A checker that hangs is killed after a bounded wait, which frees any
+// open it holds; a guard process gets SIGKILL when this program dies. For
+// the delivery figure fs.fanotify.max_queued_events is raised, since a slower
+// reader's backlog must fit the queue, and written back at exit or on a
+// signal.
 
 #include <fcntl.h>
 #include <poll.h>
 #include <sys/eventfd.h>
 #include <sys/fanotify.h>
+#include <sys/prctl.h>
+#include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <atomic>
 #include <cerrno>
 #include <chrono>
@@ -30,9 +55,11 @@
 #include <cstdlib>
 #include <cstring>
 #include <fstream>
+#include <functional>
 #include <mutex>
 #include <string>
 #include <thread>
+#include <vector>
 
 #include <benchmark/benchmark.h>
 
@@ -45,18 +72,31 @@
 #include "ModuleSession.h"
 #include "framework/ModuleHost.h"
 #include "framework/TaskRunner.h"
+#include "framework/UniqueFd.h"
 
 namespace {
 
 using Clock = std::chrono::steady_clock;
 using BenchUtil::TempDir;
+using Framework::UniqueFd;
 
 constexpr const char* kBase = "/dev/shm/";  // tmpfs: no disk time in the file calls
-constexpr long kOpens = 100000;
-constexpr long kFiles = 100000;  // a modify and a close-write each, one record when the kernel merges them
+constexpr long kFiles = 100000;             // a modify and a close-write each, one record when the kernel merges them
 constexpr unsigned int kNotifyMask = FAN_MODIFY | FAN_CLOSE_WRITE;
 constexpr int kWaitMs = 120000;
 constexpr std::size_t kReadSize = 5120;  // the module's read size
+constexpr const char* kGuardReady = "watching 1 path";
+constexpr auto kReadyTimeout = std::chrono::seconds(30);
+constexpr auto kExitTimeout = std::chrono::seconds(10);
+// A run may take this long plus kPerOpenLimit per open before its checker
+// counts as stuck: far above today's figures, well below forever.
+constexpr auto kRunTimeout = std::chrono::seconds(30);
+constexpr auto kPerOpenLimit = std::chrono::microseconds(500);
+constexpr int kPipeBytes = 1 << 20;  // guard's verdict lines seldom wait for the reader
+// The drain thread reads guard's stdout at most this often, so that a line
+// written per verdict does not wake it per verdict.
+constexpr auto kDrainPace = std::chrono::milliseconds(10);
+constexpr std::size_t kStderrKeep = 16 * 1024;
 
 std::atomic<bool> g_failed{false};
 BenchUtil::Sysctl g_maxQueued{"/proc/sys/fs/fanotify/max_queued_events", {}, 0};
@@ -75,6 +115,37 @@ void RestoreAndReraise(int sig) {
     RestoreQueue();
     std::signal(sig, SIG_DFL);
     std::raise(sig);
+}
+
+std::string ErrnoText(const char* call) {
+    return std::string(call) + ": " + std::strerror(errno);
+}
+
+int Milliseconds(Clock::duration duration) {
+    const auto ms = std::chrono::duration_cast<std::chrono::milliseconds>(duration).count();
+    return static_cast<int>(std::clamp<decltype(ms)>(ms, 0, 24 * 3600 * 1000));
+}
+
+// 1234567 -> "1,234,567"
+std::string Grouped(long value) {
+    std::string digits = std::to_string(value < 0 ? -value : value);
+    for (int at = static_cast<int>(digits.size()) - 3; at > 0; at -= 3)
+        digits.insert(static_cast<std::size_t>(at), ",");
+    return value < 0 ? "-" + digits : digits;
+}
+
+// The text on one line, shortened.
+std::string OneLine(std::string text) {
+    std::replace(text.begin(), text.end(), '\n', ' ');
+    while (!text.empty() && text.back() == ' ')
+        text.pop_back();
+    if (text.size() > 300) text = text.substr(0, 300) + "...";
+    return text;
+}
+
+// Through syscall(): the pidfd_open declaration of glibc 2.36 lacks C linkage.
+int PidFd(pid_t pid) {
+    return static_cast<int>(::syscall(SYS_pidfd_open, pid, 0));
 }
 
 // Counts what reaches it, allows every access (0), and stamps the arrival
@@ -143,21 +214,76 @@ public:
     }
 };
 
-// Forks a child that opens and closes path kOpens times. Its loop time in
-// seconds, or -1 when it failed or did not report in time; it is then killed,
-// which also frees an open held by a permission event. Fork without exec: the
-// child calls only async-signal-safe functions.
-double ChildOpenLoop(const char* path) {
+// ---- guarded opens ---------------------------------------------------------
+
+struct Settings {
+    long opens = 100000;
+    int runs = 5;
+    bool permitOnly = false;
+};
+
+bool ParsePositive(const char* text, long& value) {
+    char* end = nullptr;
+    errno = 0;
+    const long parsed = std::strtol(text, &end, 10);
+    if (end == text || *end != '\0' || errno != 0 || parsed <= 0) return false;
+    value = parsed;
+    return true;
+}
+
+// The arguments Google Benchmark left; false on a bad command line.
+bool ParseArguments(int argc, char** argv, Settings& settings) {
+    for (int i = 1; i < argc; ++i) {
+        const std::string argument = argv[i];
+        long value = 0;
+        if (argument == "--quick") {
+            settings.opens = 10000;
+            settings.runs = 3;
+        } else if (argument == "--permit-only") {
+            settings.permitOnly = true;
+        } else if (argument == "--opens" && i + 1 < argc && ParsePositive(argv[i + 1], value) && value <= 100000000) {
+            settings.opens = value;
+            ++i;
+        } else if (argument == "--runs" && i + 1 < argc && ParsePositive(argv[i + 1], value) && value < 1000) {
+            settings.runs = static_cast<int>(value);
+            ++i;
+        } else {
+            return false;
+        }
+    }
+    return true;
+}
+
+struct OpenLoop {
+    double seconds = -1;
+    std::string error;  // empty when seconds holds the loop time
+};
+
+// Forks a child that opens and closes path `opens` times and reports the
+// time of its loop. Waits at most timeout, and only while the checker whose
+// pidfd is given (-1: none) runs: a checker that ends takes its marks with it,
+// and the rest of the loop would time nothing. On a failure `release` runs
+// first (it ends a checker that may hold an open), then the child is killed.
+// Fork without exec: the child calls only async-signal-safe functions.
+OpenLoop ChildOpenLoop(const char* path, long opens, Clock::duration timeout, int checker,
+                       const std::function<void()>& release) {
+    OpenLoop loop;
     int out[2];
-    if (::pipe2(out, O_CLOEXEC) != 0) return -1;
+    if (::pipe2(out, O_CLOEXEC) != 0) {
+        loop.error = ErrnoText("pipe2");
+        return loop;
+    }
+    const pid_t parent = ::getpid();
     const pid_t pid = ::fork();
     if (pid == 0) {
+        ::prctl(PR_SET_PDEATHSIG, SIGKILL);
+        if (::getppid() != parent) ::_exit(3);
         // Holds no descriptor of the parent: a group kept open here would outlive its close there.
         if (out[1] > 3) ::close_range(3, static_cast<unsigned int>(out[1]) - 1, 0);
         ::close_range(static_cast<unsigned int>(out[1]) + 1, ~0U, 0);
         timespec start{}, end{};
         ::clock_gettime(CLOCK_MONOTONIC, &start);
-        for (long i = 0; i < kOpens; ++i) {
+        for (long i = 0; i < opens; ++i) {
             const int fd = ::open(path, O_RDONLY | O_CLOEXEC);
             if (fd < 0) ::_exit(1);
             ::close(fd);
@@ -167,15 +293,46 @@ double ChildOpenLoop(const char* path) {
         ::_exit(::write(out[1], &ns, sizeof ns) == sizeof ns ? 0 : 2);
     }
     ::close(out[1]);
+    const UniqueFd result(out[0]);
+    if (pid < 0) {
+        loop.error = ErrnoText("fork");
+        return loop;
+    }
+    const UniqueFd child(PidFd(pid));
     long long ns = -1;
-    pollfd ready{out[0], POLLIN, 0};
-    if (pid < 0 || ::poll(&ready, 1, kWaitMs) != 1 || ::read(out[0], &ns, sizeof ns) != sizeof ns) ns = -1;
-    ::close(out[0]);
-    if (pid < 0) return -1;
-    if (ns < 0) ::kill(pid, SIGKILL);
+    const Clock::time_point deadline = Clock::now() + timeout;
+    while (loop.error.empty() && ns < 0) {
+        pollfd fds[2] = {{result.get(), POLLIN, 0}, {checker, POLLIN, 0}};
+        const int left = Milliseconds(deadline - Clock::now());
+        const int ready = left > 0 ? ::poll(fds, checker >= 0 ? 2 : 1, left) : 0;
+        if (ready < 0 && errno == EINTR) continue;
+        if (ready < 0) {
+            loop.error = ErrnoText("poll");
+        } else if (ready == 0) {
+            loop.error = "no result within " + std::to_string(Milliseconds(timeout) / 1000) + " s";
+        } else if (checker >= 0 && fds[1].revents != 0) {
+            loop.error = "the checker ended during the loop";
+        } else if (::read(result.get(), &ns, sizeof ns) != sizeof ns) {
+            ns = -1;
+            loop.error = "the opener failed";
+        }
+    }
+    if (!loop.error.empty()) {
+        if (release) release();
+        ::kill(pid, SIGKILL);
+    }
+    pollfd ended{child.get(), POLLIN, 0};
     int status = 0;
-    ::waitpid(pid, &status, 0);
-    return ns >= 0 && WIFEXITED(status) && WEXITSTATUS(status) == 0 ? static_cast<double>(ns) * 1e-9 : -1;
+    if (child.valid() && ::poll(&ended, 1, Milliseconds(kExitTimeout)) <= 0) {
+        ::kill(pid, SIGKILL);
+        loop.error += loop.error.empty() ? "the opener did not end" : "; the opener did not end";
+        return loop;
+    }
+    if (::waitpid(pid, &status, 0) != pid) status = -1;
+    if (loop.error.empty() && !(WIFEXITED(status) && WEXITSTATUS(status) == 0))
+        loop.error = WIFEXITED(status) && WEXITSTATUS(status) == 1 ? "an open failed" : "the opener failed";
+    if (loop.error.empty()) loop.seconds = static_cast<double>(ns) * 1e-9;
+    return loop;
 }
 
 // The plain answer: a thread that allows every open of folder's files.
@@ -188,17 +345,23 @@ public:
         _thread = std::thread(&PlainResponder::Run, this);  // before the mark holds anyone
         _marked = ::fanotify_mark(_group, FAN_MARK_ADD, kMask, AT_FDCWD, _folder.c_str()) == 0;
     }
-    ~PlainResponder() {
+    ~PlainResponder() { Stop(); }
+    PlainResponder(const PlainResponder&) = delete;
+    PlainResponder& operator=(const PlainResponder&) = delete;
+    bool Ready() const { return _marked; }
+
+    // Removes the mark, ends the thread and closes the group; the number of
+    // opens allowed. Runs more than once harmlessly.
+    long Stop() {
         if (_marked) ::fanotify_mark(_group, FAN_MARK_REMOVE, kMask, AT_FDCWD, _folder.c_str());
+        _marked = false;
         const std::uint64_t one = 1;
         if (_thread.joinable() && ::write(_stop, &one, sizeof one) == sizeof one) _thread.join();
         if (_group >= 0) ::close(_group);  // allows whatever still waits
         if (_stop >= 0) ::close(_stop);
+        _group = _stop = -1;
+        return _answered;
     }
-    PlainResponder(const PlainResponder&) = delete;
-    PlainResponder& operator=(const PlainResponder&) = delete;
-    bool Ready() const { return _marked; }
-    std::atomic<long> answered{0};
 
 private:
     static constexpr unsigned int kMask = FAN_OPEN_PERM | FAN_EVENT_ON_CHILD;
@@ -213,7 +376,7 @@ private:
                  m = FAN_EVENT_NEXT(m, length)) {
                 if (m->fd < 0) continue;
                 const fanotify_response allow{m->fd, FAN_ALLOW};
-                if (::write(_group, &allow, sizeof allow) == sizeof allow) answered.fetch_add(1);
+                if (::write(_group, &allow, sizeof allow) == sizeof allow) ++_answered;
                 ::close(m->fd);
             }
         }
@@ -221,44 +384,382 @@ private:
     std::string _folder;
     int _group = -1, _stop = -1;
     bool _marked = false;
+    long _answered = 0;   // read once the thread has ended
     std::thread _thread;  // joined before the group closes
 };
 
-void BM_PermitOverhead(benchmark::State& state) {
-    const TempDir dir(kBase, "fn_bench_permit_");
-    const std::string file = dir.path() + "guarded";
-    Session session;  // after dir: its marks go before the folder
-    std::string error =
-        dir.path().empty() || !std::ofstream(file) ? "cannot make the file" : session.Start(FN_MODULE_PATH);
-    double none = 0, module = 0, plain = 0;
-    for (auto _ : state) {
-        if (error.empty() && (none = ChildOpenLoop(file.c_str())) < 0) error = "no-mark loop failed or timed out";
-        if (!error.empty()) break;
-        session.consumer().Reset(0);
-        if (!session.Watch(dir.path(), FAN_OPEN, true, false)) error = "permission watch refused";
-        if (error.empty() && (module = ChildOpenLoop(file.c_str())) < 0) error = "module loop failed or timed out";
-        if (!session.Watch(dir.path(), FAN_OPEN, true, true) && error.empty()) error = "remove refused";
-        const long asked = session.consumer().received, anonymous = session.consumer().anonymous;
-        if (error.empty() && (asked != kOpens || anonymous != 0))
-            error = "consumer asked " + std::to_string(asked) + ", " + std::to_string(anonymous) + " without pid/exe";
-        if (!error.empty()) break;
-        PlainResponder responder(dir.path());
-        if (!responder.Ready() || (plain = ChildOpenLoop(file.c_str())) < 0 || responder.answered != kOpens) {
-            error = "plain responder failed, answered " + std::to_string(responder.answered);
-            break;
-        }
-        state.SetIterationTime(module);
+// `filenotify guard FOLDER` with stdin on /dev/null and stdout and stderr on
+// pipes that a thread drains: it counts the verdict lines and keeps the
+// start of stderr. The process gets SIGKILL when this program dies first, or
+// when it still runs at destruction.
+class GuardProcess {
+public:
+    GuardProcess() = default;
+    ~GuardProcess() {
+        Kill();
+        Reap(kExitTimeout);
+        EndDrain();
     }
-    if (!error.empty()) return Fail(state, error);
-    const double us = 1e6 / kOpens;
-    state.counters["none_us"] = none * us;
-    state.counters["module_us"] = module * us;
-    state.counters["plain_us"] = plain * us;
-    state.counters["module_extra_us"] = (module - none) * us;
-    state.counters["plain_extra_us"] = (plain - none) * us;
-    state.counters["extra_ratio"] = (module - none) / (plain - none);
+    GuardProcess(const GuardProcess&) = delete;
+    GuardProcess& operator=(const GuardProcess&) = delete;
+
+    // An empty string, or what went wrong.
+    std::string Spawn(const std::string& binary, const std::string& folder) {
+        int out[2] = {-1, -1};
+        int err[2] = {-1, -1};
+        if (::pipe2(out, O_CLOEXEC) != 0) return ErrnoText("pipe2");
+        UniqueFd outRead(out[0]), outWrite(out[1]);
+        if (::pipe2(err, O_CLOEXEC) != 0) return ErrnoText("pipe2");
+        UniqueFd errRead(err[0]), errWrite(err[1]);
+        const UniqueFd null(::open("/dev/null", O_RDONLY | O_CLOEXEC));
+        if (!null.valid()) return ErrnoText("open /dev/null");
+        ::fcntl(outRead.get(), F_SETPIPE_SZ, kPipeBytes);  // best effort: the default also works
+        const std::string command = "guard";
+        char* argv[] = {const_cast<char*>(binary.c_str()), const_cast<char*>(command.c_str()),
+                        const_cast<char*>(folder.c_str()), nullptr};
+        const pid_t parent = ::getpid();
+        const pid_t pid = ::fork();
+        if (pid < 0) return ErrnoText("fork");
+        if (pid == 0) {
+            // Async-signal-safe calls only until exec: this program has threads.
+            ::prctl(PR_SET_PDEATHSIG, SIGKILL);
+            if (::getppid() != parent) ::_exit(127);
+            ::dup2(null.get(), 0);
+            ::dup2(outWrite.get(), 1);
+            ::dup2(errWrite.get(), 2);
+            ::execv(argv[0], argv);
+            static const char kFailed[] = "fanotify_bench: exec failed\n";
+            (void)!::write(2, kFailed, sizeof(kFailed) - 1);
+            ::_exit(127);
+        }
+        _pid = pid;
+        _pidfd.reset(PidFd(pid));
+        if (!_pidfd.valid()) return ErrnoText("pidfd_open");
+        ::fcntl(outRead.get(), F_SETFL, O_NONBLOCK);
+        ::fcntl(errRead.get(), F_SETFL, O_NONBLOCK);
+        _out = std::move(outRead);
+        _err = std::move(errRead);
+        _thread = std::thread([this] { Drain(); });
+        return std::string();
+    }
+
+    int pidfd() const { return _pidfd.get(); }
+
+    // True once the ready text is on stderr; false on a time-out or the
+    // process's end.
+    bool WaitReady(Clock::duration timeout) {
+        std::unique_lock<std::mutex> lock(_mutex);
+        _changed.wait_for(lock, timeout, [&] { return _ready || _closed; });
+        return _ready;
+    }
+
+    void Kill() {
+        if (_pid > 0) ::kill(_pid, SIGKILL);
+    }
+
+    // SIGTERM, and SIGKILL when it has not ended in time; then the rest of
+    // its output is read. How it ended, or an empty string for exit 0.
+    std::string Stop() {
+        std::string how;
+        if (_pid > 0) {
+            ::kill(_pid, SIGTERM);
+            if (!Reap(kExitTimeout)) {
+                Kill();
+                Reap(kExitTimeout);
+                how = "did not end within 10 s of SIGTERM: killed";
+            }
+        }
+        EndDrain();
+        if (!how.empty() || _pid > 0) return how.empty() ? "could not be reaped" : how;
+        if (WIFEXITED(_status) && WEXITSTATUS(_status) == 0) return std::string();
+        if (WIFEXITED(_status)) return "exited with " + std::to_string(WEXITSTATUS(_status));
+        return "ended by signal " + std::to_string(WTERMSIG(_status));
+    }
+
+    // Valid once Stop() has returned.
+    long lines() const { return _lines; }
+    long allowed() const { return _allowed; }
+    std::string Stderr() {
+        std::lock_guard<std::mutex> lock(_mutex);
+        return _stderr;
+    }
+
+private:
+    bool Reap(Clock::duration timeout) {
+        if (_pid <= 0) return true;
+        pollfd ended{_pidfd.get(), POLLIN, 0};
+        if (_pidfd.valid() && ::poll(&ended, 1, Milliseconds(timeout)) <= 0) return false;
+        if (::waitpid(_pid, &_status, _pidfd.valid() ? WNOHANG : 0) != _pid) return false;
+        _pid = -1;
+        return true;
+    }
+
+    // Until both pipes close; bounded, since a child of the guard could hold them.
+    void EndDrain() {
+        if (!_thread.joinable()) return;
+        {
+            std::unique_lock<std::mutex> lock(_mutex);
+            _changed.wait_for(lock, kExitTimeout, [&] { return _closed; });
+        }
+        _quit = true;
+        _thread.join();
+    }
+
+    void Drain() {
+        std::vector<char> buffer(kPipeBytes);
+        bool outOpen = true, errOpen = true;
+        while ((outOpen || errOpen) && !_quit) {
+            pollfd fds[2] = {{outOpen ? _out.get() : -1, POLLIN, 0}, {errOpen ? _err.get() : -1, POLLIN, 0}};
+            if (::poll(fds, 2, 100) < 0 && errno != EINTR) break;
+            if (fds[1].revents != 0) errOpen = ReadErr(buffer);
+            if (fds[0].revents != 0) {
+                outOpen = ReadOut(buffer);
+                if (outOpen) std::this_thread::sleep_for(kDrainPace);
+            }
+        }
+        std::lock_guard<std::mutex> lock(_mutex);
+        _closed = true;
+        _changed.notify_all();
+    }
+
+    // Counts whole lines and those with an allow verdict. False at the end of the pipe.
+    bool ReadOut(std::vector<char>& buffer) {
+        const ssize_t got = ::read(_out.get(), buffer.data(), buffer.size());
+        if (got <= 0) return got < 0 && (errno == EINTR || errno == EAGAIN);
+        const char* data = buffer.data();
+        const char* end = data + got;
+        while (data < end) {
+            const char* newline =
+                static_cast<const char*>(std::memchr(data, '\n', static_cast<std::size_t>(end - data)));
+            _partial.append(data, newline != nullptr ? newline : end);
+            if (newline == nullptr) break;
+            ++_lines;
+            _allowed += _partial.find(" verdict=allow") != std::string::npos;
+            _partial.clear();
+            data = newline + 1;
+        }
+        return true;
+    }
+
+    bool ReadErr(std::vector<char>& buffer) {
+        const ssize_t got = ::read(_err.get(), buffer.data(), buffer.size());
+        if (got <= 0) return got < 0 && (errno == EINTR || errno == EAGAIN);
+        std::lock_guard<std::mutex> lock(_mutex);
+        if (_stderr.size() < kStderrKeep)
+            _stderr.append(buffer.data(), std::min(static_cast<std::size_t>(got), kStderrKeep - _stderr.size()));
+        if (!_ready && _stderr.find(kGuardReady) != std::string::npos) {
+            _ready = true;
+            _changed.notify_all();
+        }
+        return true;
+    }
+
+    pid_t _pid = -1;
+    int _status = 0;
+    UniqueFd _pidfd, _out, _err;
+    std::thread _thread;
+    std::atomic<bool> _quit{false};
+    std::mutex _mutex;
+    std::condition_variable _changed;
+    bool _ready = false, _closed = false;  // under _mutex
+    std::string _stderr;                   // under _mutex
+    std::string _partial;                  // the drain thread's alone
+    long _lines = 0, _allowed = 0;         // the drain thread's until it has ended
+};
+
+// What guard wrote to stderr after its ready line.
+std::string StderrBeyondReady(const std::string& text) {
+    std::size_t from = text.find(kGuardReady);
+    if (from != std::string::npos) from = text.find('\n', from);
+    return from == std::string::npos ? std::string() : OneLine(text.substr(from + 1));
 }
-BENCHMARK(BM_PermitOverhead)->Iterations(1)->Repetitions(3)->UseManualTime()->Unit(benchmark::kMillisecond);
+
+struct Checker {
+    const char* label;
+    const char* what;
+};
+
+enum CheckerIndex : std::size_t { kNone, kPlain, kModule, kGuard, kCheckers };
+
+struct Run {
+    double us = -1;  // per open; below 0 when the run failed
+    std::string note;
+};
+
+class GuardedOpens {
+public:
+    explicit GuardedOpens(const Settings& settings)
+        : _settings(settings), _dir(kBase, "fn_bench_permit_"), _file(_dir.path() + "guarded") {}
+
+    // Runs the rounds and prints each run and the table; false when a run failed.
+    bool Measure() {
+        if (_dir.path().empty() || !std::ofstream(_file)) {
+            std::printf("guarded opens: cannot make the file under %s\n", kBase);
+            return false;
+        }
+        const std::string moduleError = _session.Start(FN_MODULE_PATH);
+        if (!moduleError.empty()) std::printf("module not loaded (%s): skipped\n", moduleError.c_str());
+        const bool haveGuard = ::access(FN_CLI_PATH, X_OK) == 0;
+        if (!haveGuard)
+            std::printf("%s is missing (cmake --build build --target filenotify filenotify_module): skipped\n",
+                        FN_CLI_PATH);
+        const Checker checkers[kCheckers] = {
+            {"none", "no checker"},
+            {"plain", "a thread here: FAN_CLASS_CONTENT group, FAN_OPEN_PERM on the folder, FAN_ALLOW each"},
+            {"module", "the module loaded here, permission watch, allow-all consumer"},
+            {"guard", FN_CLI_PATH " guard FOLDER, its own process, stdout from a pipe"},
+        };
+        bool enabled[kCheckers] = {true, true, moduleError.empty(), haveGuard};
+        std::printf("Guarded opens: %s opens and closes of one file by a child process per run, %d rounds, %u CPUs\n",
+                    Grouped(_settings.opens).c_str(), _settings.runs, std::thread::hardware_concurrency());
+        for (std::size_t c = 0; c < kCheckers; ++c)
+            if (enabled[c]) std::printf("  %-7s %s\n", checkers[c].label, checkers[c].what);
+        std::fflush(stdout);
+
+        std::vector<Run> runs[kCheckers];
+        bool ok = true;
+        for (int round = 0; round < _settings.runs; ++round) {
+            // Each round starts with the next checker, so that none always follows the same one.
+            for (std::size_t turn = 0; turn < kCheckers; ++turn) {
+                const std::size_t c = (turn + static_cast<std::size_t>(round)) % kCheckers;
+                if (!enabled[c]) {
+                    runs[c].push_back(Run{});
+                    continue;
+                }
+                std::string error, note;
+                const double seconds = RunOnce(c, error, note);
+                Run run;
+                run.note = note;
+                std::printf("round %d  %-7s ", round + 1, checkers[c].label);
+                if (error.empty()) {
+                    run.us = seconds * 1e6 / static_cast<double>(_settings.opens);
+                    std::printf("%8.2f us/open  (%.2f s)\n", run.us, seconds);
+                } else {
+                    ok = false;
+                    std::printf("FAILED: %s\n", error.c_str());
+                }
+                if (!note.empty()) std::printf("    %s\n", note.c_str());
+                std::fflush(stdout);
+                runs[c].push_back(std::move(run));
+            }
+        }
+        PrintTable(checkers, enabled, runs);
+        return ok;
+    }
+
+private:
+    // Seconds of one loop under checker c; error set on a failure.
+    double RunOnce(std::size_t c, std::string& error, std::string& note) {
+        const Clock::duration timeout = kRunTimeout + kPerOpenLimit * _settings.opens;
+        OpenLoop loop;
+        if (c == kNone) {
+            loop = ChildOpenLoop(_file.c_str(), _settings.opens, timeout, -1, nullptr);
+        } else if (c == kPlain) {
+            PlainResponder responder(_dir.path());
+            if (!responder.Ready()) {
+                error = "plain group not marked";
+                return -1;
+            }
+            loop = ChildOpenLoop(_file.c_str(), _settings.opens, timeout, -1, nullptr);
+            const long answered = responder.Stop();
+            if (loop.error.empty() && answered != _settings.opens)
+                loop.error = "allowed " + Grouped(answered) + " opens";
+        } else if (c == kModule) {
+            _session.consumer().Reset(0);
+            if (!_session.Watch(_dir.path(), FAN_OPEN, true, false)) {
+                error = "permission watch refused";
+                return -1;
+            }
+            loop = ChildOpenLoop(_file.c_str(), _settings.opens, timeout, -1, nullptr);
+            if (!_session.Watch(_dir.path(), FAN_OPEN, true, true) && loop.error.empty()) loop.error = "remove refused";
+            const long asked = _session.consumer().received, anonymous = _session.consumer().anonymous;
+            if (loop.error.empty() && (asked != _settings.opens || anonymous != 0))
+                loop.error = "consumer asked " + Grouped(asked) + " times, " + Grouped(anonymous) + " without pid/exe";
+        } else {
+            loop = GuardLoop(timeout, note);
+        }
+        error = loop.error;
+        return loop.seconds;
+    }
+
+    OpenLoop GuardLoop(Clock::duration timeout, std::string& note) {
+        OpenLoop loop;
+        GuardProcess guard;
+        const std::string folder = _dir.path().substr(0, _dir.path().size() - 1);
+        loop.error = guard.Spawn(FN_CLI_PATH, folder);
+        if (!loop.error.empty()) return loop;
+        // Nothing is opened under its mark before it answers.
+        if (!guard.WaitReady(kReadyTimeout)) {
+            const std::string exit = guard.Stop();
+            loop.error = "not ready (" + (exit.empty() ? std::string("no ready line") : exit) +
+                         "); stderr: " + OneLine(guard.Stderr());
+            return loop;
+        }
+        loop = ChildOpenLoop(_file.c_str(), _settings.opens, timeout, guard.pidfd(), [&guard] { guard.Kill(); });
+        const std::string exit = guard.Stop();
+        if (loop.error.empty() && !exit.empty()) loop.error = "guard " + exit;
+        if (loop.error.empty() && (guard.allowed() != _settings.opens || guard.lines() != guard.allowed()))
+            loop.error =
+                "guard printed " + Grouped(guard.allowed()) + " allow verdicts in " + Grouped(guard.lines()) + " lines";
+        const std::string rest = StderrBeyondReady(guard.Stderr());
+        if (!rest.empty()) note = "guard stderr: " + rest;
+        if (!loop.error.empty()) loop.seconds = -1;
+        return loop;
+    }
+
+    static double Median(std::vector<double> values) {
+        std::sort(values.begin(), values.end());
+        const std::size_t middle = values.size() / 2;
+        return values.size() % 2 != 0 ? values[middle] : (values[middle - 1] + values[middle]) / 2;
+    }
+
+    void PrintTable(const Checker* checkers, const bool* enabled, const std::vector<Run>* runs) const {
+        // Extra per open: the checker's run less "none" of the same round, so a
+        // round's drift cancels out.
+        double extra[kCheckers] = {};
+        bool haveExtra[kCheckers] = {};
+        for (std::size_t c = 0; c < kCheckers; ++c) {
+            std::vector<double> differences;
+            for (std::size_t r = 0; r < runs[c].size(); ++r)
+                if (runs[c][r].us >= 0 && runs[kNone][r].us >= 0)
+                    differences.push_back(runs[c][r].us - runs[kNone][r].us);
+            haveExtra[c] = c != kNone && !differences.empty();
+            if (haveExtra[c]) extra[c] = Median(differences);
+        }
+        std::printf("\nMedians over the rounds (extra = the checker's us/open less \"none\" of the same round)\n");
+        std::printf("%-7s %10s %12s %14s  %s\n", "checker", "us/open", "extra us", "extra / plain",
+                    "us/open per round");
+        for (std::size_t c = 0; c < kCheckers; ++c) {
+            if (!enabled[c]) continue;
+            std::vector<double> values;
+            std::string each;
+            for (const Run& run : runs[c]) {
+                char text[32] = " failed";
+                if (run.us >= 0) {
+                    values.push_back(run.us);
+                    std::snprintf(text, sizeof text, " %.2f", run.us);
+                }
+                each += text;
+            }
+            char median[32] = "-", more[32] = "-", ratio[32] = "-";
+            if (!values.empty()) std::snprintf(median, sizeof median, "%.2f", Median(values));
+            if (haveExtra[c]) std::snprintf(more, sizeof more, "%.2f", extra[c]);
+            if (haveExtra[c] && haveExtra[kPlain] && extra[kPlain] > 0)
+                std::snprintf(ratio, sizeof ratio, "%.2f", extra[c] / extra[kPlain]);
+            std::printf("%-7s %10s %12s %14s  %s\n", checkers[c].label, median, more, ratio, each.c_str() + 1);
+        }
+        if (haveExtra[kGuard] && haveExtra[kPlain] && extra[kPlain] > 0)
+            std::printf("guard / plain extra per open: %.2f\n", extra[kGuard] / extra[kPlain]);
+        std::fflush(stdout);
+    }
+
+    const Settings& _settings;
+    const TempDir _dir;
+    const std::string _file;
+    Session _session;  // after _dir: its marks go before the folder
+};
+
+// ---- notification delivery -------------------------------------------------
 
 // Creates, writes one byte to and closes kFiles new files; the failed calls.
 long WriteFiles(const std::string& folder) {
@@ -371,7 +872,11 @@ BENCHMARK(BM_NotifyDelivery)->Iterations(1)->Repetitions(3)->UseManualTime()->Un
 
 int main(int argc, char** argv) {
     benchmark::Initialize(&argc, argv);
-    if (benchmark::ReportUnrecognizedArguments(argc, argv)) return 1;
+    Settings settings;
+    if (!ParseArguments(argc, argv, settings)) {
+        std::fprintf(stderr, "usage: %s [--quick] [--opens N] [--runs N] [--permit-only] [--benchmark_...]\n", argv[0]);
+        return 2;
+    }
     const int probe = ::fanotify_init(FAN_CLASS_CONTENT | FAN_CLOEXEC, O_RDONLY);
     if (probe < 0) {
         std::fprintf(stderr, "fanotify_init refused: CAP_SYS_ADMIN needed\n");
@@ -381,10 +886,17 @@ int main(int argc, char** argv) {
     for (int sig : {SIGINT, SIGTERM, SIGHUP, SIGQUIT, SIGSEGV, SIGBUS, SIGFPE, SIGILL, SIGABRT})
         std::signal(sig, RestoreAndReraise);
     std::atexit(RestoreQueue);
-    if (!BenchUtil::RaiseSysctl(g_maxQueued, 4 * kFiles))
-        std::fprintf(stderr, "cannot raise fs.fanotify.max_queued_events: the notify figure may overflow\n");
-    benchmark::RunSpecifiedBenchmarks();
+
+    bool ok = GuardedOpens(settings).Measure();
+    if (!settings.permitOnly) {
+        std::printf("\n");
+        std::fflush(stdout);
+        if (!BenchUtil::RaiseSysctl(g_maxQueued, 4 * kFiles))
+            std::fprintf(stderr, "cannot raise fs.fanotify.max_queued_events: the notify figure may overflow\n");
+        benchmark::RunSpecifiedBenchmarks();
+        RestoreQueue();
+    }
     benchmark::Shutdown();
-    RestoreQueue();
-    return g_failed ? 1 : 0;
+    ok = ok && !g_failed;
+    return ok ? 0 : 1;
 }

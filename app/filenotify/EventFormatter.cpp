@@ -25,6 +25,7 @@ const char* SourceOf(int notifyType) {
 
 const char* VerdictText(const Verdict& verdict) {
     if (verdict.deny) return "deny";
+    if (verdict.timedOut) return verdict.lateDeny ? "allow (timed out; the deny came late)" : "allow (timed out)";
     return verdict.wouldDeny ? "allow (dry run: deny)" : "allow";
 }
 
@@ -153,7 +154,9 @@ void EventFormatter::AppendJson(std::string& out, const Engine::FileNotifyMessag
     if (status != nullptr) AppendJsonStat(out, *status);
     if (verdict != nullptr) {
         out += verdict->deny ? ",\"verdict\":\"deny\"" : ",\"verdict\":\"allow\"";
-        if (verdict->wouldDeny && !verdict->deny) out += ",\"dry_run_verdict\":\"deny\"";
+        if (verdict->wouldDeny && !verdict->deny && !verdict->timedOut) out += ",\"dry_run_verdict\":\"deny\"";
+        if (verdict->timedOut) out += ",\"timed_out\":true";
+        if (verdict->lateDeny) out += ",\"late_verdict\":\"deny\"";
     }
     out += "}\n";
 }

@@ -15,8 +15,10 @@ namespace FileNotifyCli {
 
 // The answer to a permission event, as printed.
 struct Verdict {
-    bool deny = false;       // what was answered
+    bool deny = false;       // what the kernel got
     bool wouldDeny = false;  // --dry-run: what would have been answered
+    bool timedOut = false;   // allowed because no verdict came in time
+    bool lateDeny = false;   // timedOut: a deny came, too late
 };
 
 // Formats one event as a text line or a JSON object line, appended to a

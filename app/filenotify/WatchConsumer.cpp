@@ -4,11 +4,13 @@
 #include <sys/stat.h>
 
 #include <cerrno>
+#include <chrono>
 #include <ctime>
 #include <fstream>
 #include <iostream>
 #include <utility>
 
+#include "Escaping.h"
 #include "FileNotifyMessage.h"
 #include "FileNotifyWatchMessage.h"
 
@@ -17,6 +19,8 @@ namespace FileNotifyCli {
 namespace {
 
 constexpr int kWaitMs = 1000;
+// A line waits this long at most before it is written.
+constexpr std::chrono::milliseconds kFlushPause{5};
 constexpr int kBulkCount = 128;
 constexpr std::size_t kFlushBytes = std::size_t{64} * 1024;  // a pipe's default capacity
 
@@ -48,20 +52,32 @@ WatchConsumer::WatchConsumer(const CliSettings& settings, OutputSink& output, st
 
 int WatchConsumer::Run() {
     WatchPipeReader();
+    auto lastFlush = std::chrono::steady_clock::now();
+    int waitMs = kWaitMs;
     while (!IsCancelling()) {
-        if (GetEventWaiter().WaitAndHandleEvent(kWaitMs, kBulkCount) < 0) BulkConsumeMsg(kBulkCount);
-        // A lone event is written at once; a burst in large pieces. Never
-        // from inside a handler: a slow output must not delay a verdict.
-        if (GetQueuedMsgCount() == 0 || _buffer.size() >= kFlushBytes) Flush();
+        if (GetEventWaiter().WaitAndHandleEvent(waitMs, kBulkCount) < 0) BulkConsumeMsg(kBulkCount);
+        // Lines go out when the queue is empty, in large pieces during a
+        // burst, and never from inside a handler (a slow output must not
+        // delay a verdict). Each hand-over wakes the writer thread, so a
+        // trickle of events is handed over at most every kFlushPause.
+        waitMs = kWaitMs;
+        const auto now = std::chrono::steady_clock::now();
+        if (_buffer.size() >= kFlushBytes || (GetQueuedMsgCount() == 0 && now - lastFlush >= kFlushPause)) {
+            Flush();
+            lastFlush = now;
+        } else if (!_buffer.empty() && GetQueuedMsgCount() == 0) {
+            waitMs = static_cast<int>(
+                std::chrono::ceil<std::chrono::milliseconds>(kFlushPause - (now - lastFlush)).count());
+        }
     }
-    Flush();
+    Flush(false);  // stopping: never wait for a stuck output here
     _pipeReaderGone.reset();  // on this thread, which owns the waiter
     return 0;
 }
 
-void WatchConsumer::Flush() {
+void WatchConsumer::Flush(bool mayWait) {
     if (_buffer.empty()) return;
-    if (!_output.Write(_buffer)) Stop();
+    if (!_output.Write(_buffer, mayWait)) Stop();
     _buffer.clear();
 }
 
@@ -105,6 +121,11 @@ bool WatchConsumer::Denied(const Engine::FileNotifyMessage& message) {
 }
 
 int WatchConsumer::FileNotifyMessageAction(Engine::FileNotifyMessage* message) {
+    // Not a request: nothing to answer or print as a verdict.
+    if (message->IsPermitWatchReport()) {
+        ReportPermitWatch(*message);
+        return 0;
+    }
     if ((message->GetEventMask() & Engine::FileNotifyMessage::kOverflowMask) != 0) {
         ReportLoss(*message);
         return 0;
@@ -124,12 +145,30 @@ int WatchConsumer::FileNotifyMessageAction(Engine::FileNotifyMessage* message) {
         Counted();
         return 0;
     }
-    Verdict verdict;
-    verdict.wouldDeny = Denied(*message);
-    verdict.deny = verdict.wouldDeny && !_settings.dryRun;
-    Print(*message, known, &verdict);
+    // The verdict goes back first; the line follows in HandleMsg, with the
+    // answer the kernel actually got.
+    _permit.pending = true;
+    _permit.verdict = Verdict();
+    _permit.verdict.wouldDeny = Denied(*message);
+    _permit.verdict.deny = _permit.verdict.wouldDeny && !_settings.dryRun;
+    _permit.hasStatus = known != nullptr;
+    if (known != nullptr) _permit.status = *known;
+    return _permit.verdict.deny ? 2 : 0;
+}
+
+void WatchConsumer::HandleMsg(Framework::Message* msg, int /*result*/) {
+    if (!_permit.pending) return;
+    _permit.pending = false;
+    const auto& message = static_cast<const Engine::FileNotifyMessage&>(*msg);
+    Verdict verdict = _permit.verdict;
+    const auto& answer = message.GetPermitAnswer();
+    if (answer && answer->GetState() == Engine::FileNotifyPermitAnswer::State::AllowedByTimeout) {
+        verdict.lateDeny = verdict.deny;
+        verdict.deny = false;
+        verdict.timedOut = true;
+    }
+    Print(message, _permit.hasStatus ? &_permit.status : nullptr, &verdict);
     Counted();
-    return verdict.deny ? 2 : 0;
 }
 
 void WatchConsumer::Print(const Engine::FileNotifyMessage& message, const struct stat* status, const Verdict* verdict) {
@@ -153,6 +192,19 @@ void WatchConsumer::ReportLoss(const Engine::FileNotifyMessage& report) {
     }
     WarnOfLoss(report.GetNotifyType(), lost);
     if (!CountReached()) Print(report, nullptr, nullptr);
+}
+
+void WatchConsumer::ReportPermitWatch(const Engine::FileNotifyMessage& report) {
+    const std::string path = report.GetEventFilePath();
+    std::string shown;
+    AppendTextName(shown, path);
+    if ((report.GetEventMask() & Engine::FileNotifyMessage::kPermitWatchLostMask) != 0) {
+        _lostGuards.insert(path);
+        std::cerr << "filenotify: " << shown << " is gone; it is guarded again when it comes back" << std::endl;
+    } else {
+        const bool again = _lostGuards.erase(path) != 0;
+        std::cerr << "filenotify: " << shown << " is guarded" << (again ? " again" : " now") << std::endl;
+    }
 }
 
 // At most once a second for each cause; the totals come at exit.

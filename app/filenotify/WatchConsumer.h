@@ -3,6 +3,7 @@
 #include <chrono>
 #include <functional>
 #include <memory>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -29,8 +30,11 @@ public:
     int Run() override;
     // The result answers a permission event: 2 denies.
     int FileNotifyMessageAction(Engine::FileNotifyMessage* message) override;
-    // Writes out the buffered lines; this task's thread.
-    void Flush();
+    // After a handler: prints a permission event with the answer it got.
+    void HandleMsg(Framework::Message* msg, int result) override;
+    // Hands the buffered lines to the output; this task's thread. mayWait:
+    // see OutputSink::Write.
+    void Flush(bool mayWait = true);
 
     // Read once the task has stopped: the events lost that loss reports
     // counted, and the kernel queue overflows reported.
@@ -49,6 +53,8 @@ private:
     void Print(const Engine::FileNotifyMessage& message, const struct stat* status, const Verdict* verdict);
     void Counted();
     void ReportLoss(const Engine::FileNotifyMessage& report);
+    // A guarded path that is gone, or guarded again: said on stderr.
+    void ReportPermitWatch(const Engine::FileNotifyMessage& report);
     void WarnOfLoss(int notifyType, unsigned long long lost);
     void WatchPipeReader();
     int OnPipeReaderGone(int fd, unsigned int events, void* arg);
@@ -64,8 +70,16 @@ private:
     std::vector<std::unique_ptr<Poco::Glob>> _deny;  // Glob::match is not const
     unsigned int _requested;
     long _printed = 0;
+    // The permission event in hand, between its handler and HandleMsg.
+    struct {
+        bool pending = false;
+        Verdict verdict;
+        bool hasStatus = false;
+        struct stat status {};
+    } _permit;
     unsigned long long _lostReported = 0;
     unsigned long long _kernelOverflows = 0;
+    std::set<std::string> _lostGuards;                          // gone and not guarded again yet
     std::chrono::steady_clock::time_point _lastLossWarning[2];  // kernel, this consumer
 };
 

@@ -8,6 +8,7 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <chrono>
 #include <cstring>
 #include <ctime>
 #include <filesystem>
@@ -122,7 +123,7 @@ private:
     std::string BinaryFolder() const { return Poco::Path(config().getString("application.path")).parent().toString(); }
     int WatchAll(Framework::ModuleHost& host, WatchConsumer& consumer, const WatchLimitTap& tap);
     int WaitForStop();
-    int Finish(const WatchConsumer& consumer, const OutputSink& output, int result) const;
+    int Finish(const WatchConsumer& consumer, OutputSink& output, int result) const;
 
     CliSettings _settings;
     std::map<std::string, bool CliSettings::*> _flags;
@@ -319,7 +320,7 @@ int FileNotifyApp::main(const std::vector<std::string>& args) {
             return kExitNoCapability;
         }
     }
-    OutputSink output(_settings.output);
+    OutputSink output(_settings.output, [] { terminate(); });
     if (output.Error() != 0) {
         std::cerr << "filenotify: cannot open " << _settings.output << ": "
                   << std::generic_category().message(output.Error()) << std::endl;
@@ -348,16 +349,21 @@ int FileNotifyApp::main(const std::vector<std::string>& args) {
 }
 
 // After the consumer has stopped: what was lost, and whether the output failed.
-int FileNotifyApp::Finish(const WatchConsumer& consumer, const OutputSink& output, int result) const {
+int FileNotifyApp::Finish(const WatchConsumer& consumer, OutputSink& output, int result) const {
     const unsigned long long lost = consumer.LostReported() + consumer.GetDroppedMsgCount();
     const unsigned long long overflows = consumer.KernelOverflows();
     if (lost > 0 || overflows > 0) {
         std::cerr << "filenotify: " << lost << (lost == 1 ? " event" : " events") << " lost in user space, "
                   << overflows << " kernel queue overflow" << (overflows == 1 ? "" : "s") << std::endl;
     }
-    if (output.Error() == 0) return result;
-    std::cerr << "filenotify: cannot write the output: " << std::generic_category().message(output.Error())
-              << std::endl;
+    const bool written = output.Drain(std::chrono::milliseconds(2000));
+    if (written) return result;
+    if (output.Error() == 0) {
+        std::cerr << "filenotify: the output takes nothing: the last lines were not written" << std::endl;
+    } else {
+        std::cerr << "filenotify: cannot write the output: " << std::generic_category().message(output.Error())
+                  << std::endl;
+    }
     return kExitOutputFailed;
 }
 

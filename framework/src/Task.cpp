@@ -66,6 +66,8 @@ void Task::cancel() {
     _cancelRequested.store(true);
     Poco::Task::cancel();
     _waiter.Notify();
+    std::lock_guard<std::mutex> lock(_syncMutex);
+    if (_syncWait) _syncWait->Complete(MSG_ERR_CANCELLED, std::string());
 }
 
 void Task::runTask() {
@@ -275,9 +277,19 @@ int Task::SyncSendMsg(unsigned long taskId, const char* type, Message* msg, std:
     if (delivered != MSG_OK) return delivered;  // still ours: freed here
     static_cast<void>(owned.release());         // the receiver's now
 
+    {
+        std::lock_guard<std::mutex> lock(_syncMutex);
+        _syncWait = reply;
+    }
+    if (IsCancelling()) reply->Complete(MSG_ERR_CANCELLED, std::string());
     int result = MSG_ERR_TIMEOUT;
     std::string text;
-    if (!reply->WaitUntil(deadline, result, text)) return MSG_ERR_TIMEOUT;
+    const bool answered = reply->WaitUntil(deadline, result, text);
+    {
+        std::lock_guard<std::mutex> lock(_syncMutex);
+        _syncWait.reset();
+    }
+    if (!answered) return MSG_ERR_TIMEOUT;
     response = std::move(text);
     return result;
 }

@@ -29,7 +29,11 @@ int FileNotifyMessage::MessageHandle(void* task) {
         FN_LOG(LOG_ERROR, "FileNotifyMessage receiver is not an AbstractMessageReceiver, filePath=%s", m_filePath);
         return 1;
     }
-    return receiver->FileNotifyMessageAction(this);
+    const int result = receiver->FileNotifyMessageAction(this);
+    // Straight to the kernel from here: the waiting process need not wait
+    // for the module's thread to wake.
+    if (m_permitAnswer) m_permitAnswer->Decide(result);
+    return result;
 }
 
 void FileNotifyMessage::SetProcess(unsigned int pid, const std::string& process) {

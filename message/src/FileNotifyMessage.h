@@ -2,9 +2,12 @@
 
 #include <sys/stat.h>
 
+#include <memory>
 #include <string>
+#include <utility>
 
 #include "FileNotifyExport.h"
+#include "FileNotifyPermitAnswer.h"
 #include "framework/Message.h"
 
 namespace Engine {
@@ -15,7 +18,8 @@ namespace Engine {
 // send on the framework owns it. The consumer reads it inside
 // AbstractMessageReceiver::FileNotifyMessageAction on its own thread.
 // Notify type: 0 inotify event, 1 fanotify notification, 2 fanotify
-// permission request (the consumer's action result is the verdict).
+// permission request (the consumer's action result is the verdict), or a
+// permit watch report (IsPermitWatchReport; nothing to answer).
 // Paths are stored without one trailing "/" (see FormatFolderName).
 class FILENOTIFY_API FileNotifyMessage : public Framework::Message {
 public:
@@ -24,13 +28,26 @@ public:
     // (GetLostCount 0). From the module: this consumer did not read for too
     // long and GetLostCount events meant for it were dropped.
     static constexpr unsigned int kOverflowMask = 0x4000;
+    // Masks of a permit watch report, sent asynchronously with notify type 2
+    // and the watched path as both path and watch file. Lost (as
+    // FAN_DELETE_SELF): the guarded folder was deleted; the watch waits until
+    // the path exists again. Back (as FAN_CREATE): the path is guarded (again).
+    static constexpr unsigned int kPermitWatchLostMask = 0x400;
+    static constexpr unsigned int kPermitWatchBackMask = 0x100;
 
     FileNotifyMessage(int notifyType, const std::string& path, unsigned int mask);
     ~FileNotifyMessage() override;
 
     // task: the receiving Framework::Task*. Hands the message to the task's
     // receiver part; returns its result, or 1 when the task is not a receiver.
+    // A permission event's verdict is written to the kernel before it returns.
     int MessageHandle(void* task) override;
+
+    // Permission events: the answer the kernel got, known once the
+    // consumer's handler has returned (or the deadline passed); a consumer
+    // may keep it. Null for other events.
+    const std::shared_ptr<FileNotifyPermitAnswer>& GetPermitAnswer() const { return m_permitAnswer; }
+    void SetPermitAnswer(std::shared_ptr<FileNotifyPermitAnswer> answer) { m_permitAnswer = std::move(answer); }
 
     void SetProcess(unsigned int pid, const std::string& process);
     unsigned int GetEventProcessId() const { return m_eventProcessId; }
@@ -42,6 +59,10 @@ public:
     unsigned int GetEventMask() const { return m_eventMask; }
     int GetNotifyType() const { return m_notifyType; }
     int GetWatchId() const { return m_watchId; }
+    // A permit watch report: no permission bit, so it is not a request.
+    bool IsPermitWatchReport() const {
+        return m_notifyType == 2 && (m_eventMask & (kPermitWatchLostMask | kPermitWatchBackMask)) != 0;
+    }
 
     // Makes this a merged move: both inotify move bits set, destination stored.
     void SetMoveEvent(const std::string& movetoFile);
@@ -80,6 +101,7 @@ private:
     struct stat m_stat {};
     bool m_statValid = false;
     unsigned long long m_lostCount = 0;
+    std::shared_ptr<FileNotifyPermitAnswer> m_permitAnswer;
 };
 
 }  // namespace Engine

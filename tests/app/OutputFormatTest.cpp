@@ -1,6 +1,7 @@
 #include <stdlib.h>
 #include <time.h>
 
+#include <chrono>
 #include <fstream>
 #include <sstream>
 #include <string>
@@ -165,7 +166,7 @@ TEST(OutputFormat, LossReportsArePrintedAndCounted) {
         settings.events = 0x100;  // create
         settings.count = 1;
         settings.json = json;
-        FileNotifyCli::OutputSink output(dir / "out");
+        FileNotifyCli::OutputSink output(dir / "out", nullptr);
         int stops = 0;
         Poco::AutoPtr<FileNotifyCli::WatchConsumer> consumer(
             new FileNotifyCli::WatchConsumer(settings, output, [&] { ++stops; }));
@@ -182,6 +183,7 @@ TEST(OutputFormat, LossReportsArePrintedAndCounted) {
             delete message;
         }
         consumer->Flush();
+        ASSERT_TRUE(output.Drain(std::chrono::milliseconds(5000)));
         const std::string warnings = testing::internal::GetCapturedStderr();
 
         std::vector<std::string> seen;

@@ -8,7 +8,11 @@
 #include <cstring>
 #include <fstream>
 #include <future>
+#include <map>
+#include <memory>
+#include <mutex>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include <gtest/gtest.h>
@@ -197,6 +201,52 @@ TEST_F(FanotifyTaskTest, VerdictOfTheConsumerDecides) {
     }
 }
 
+// The guard follows its folder through a rename; when the folder is
+// deleted and made again at its path, it is guarded again, and the consumer
+// is told both.
+TEST_F(FanotifyTaskTest, GuardFollowsItsFolderAndComesBackWithItsPath) {
+    TestUtil::LogCapture log(Engine::FileNotifyUtils::GetLoggerPtr());
+    const std::string guarded = dir / "G/";
+    const std::string moved = dir / "H/";
+    TestUtil::MakeDir(guarded);
+    TestUtil::Touch(guarded + "s.key");
+    judge->verdict = 2;
+    Register(*judge);
+    Guard(judge->GetTaskId(), guarded);
+    ASSERT_EQ(0, judgeRunner.Start());
+    ASSERT_EQ(0, taskRunner.Start());
+
+    TestUtil::Rename(guarded, moved);
+    // The time-based check has seen the move, and kept the guard.
+    ASSERT_TRUE(TestUtil::WaitUntil([&] {
+        return log.Has(Engine::LOG_WARNING, "guarded " + guarded + " has moved to " + moved +
+                                                ": the guard stays with it, the old path is not guarded");
+    })) << log.Dump();
+    EXPECT_EQ(EPERM, OpenFromChild(moved + "s.key"));
+    ASSERT_TRUE(judge->WaitFor(1));
+    EXPECT_EQ(moved + "s.key", judge->Events()[0].path);
+
+    ASSERT_EQ(0, ::unlink((moved + "s.key").c_str()));
+    ASSERT_EQ(0, ::rmdir(moved.c_str()));
+    TestUtil::MakeDir(guarded);
+    TestUtil::Touch(guarded + "s.key");
+    EXPECT_TRUE(TestUtil::WaitUntil([&] { return OpenFromChild(guarded + "s.key") == EPERM; }));
+    const auto reports = [&] {
+        std::vector<std::string> out;
+        for (const auto& e : judge->Events()) {
+            if ((e.mask & Engine::kFanPermissionBits) != 0) continue;
+            out.push_back(std::to_string(e.notifyType) + " " + e.path + " " + e.watchFile + " " +
+                          std::to_string(e.mask));
+        }
+        return out;
+    };
+    const std::vector<std::string> expected = {"2 " + dir / "G " + guarded + " 1024",
+                                               "2 " + dir / "G " + guarded + " 256"};
+    EXPECT_TRUE(TestUtil::WaitUntil([&] { return reports() == expected; })) << ::testing::PrintToString(reports());
+    // Every event found its record, and the deleted folder's mark was removed.
+    EXPECT_EQ(0, log.Count(LOG_ERROR)) << log.Dump();
+}
+
 TEST_F(FanotifyTaskTest, SilentConsumersLetTheAccessThroughAfterTheTimeout) {
     Poco::AutoPtr<RecordingConsumer> idle(new RecordingConsumer("idle"));     // never serves its queue
     Poco::AutoPtr<RecordingConsumer> full(new RecordingConsumer("full", 1));  // queue full, never served
@@ -233,6 +283,76 @@ TEST_F(FanotifyTaskTest, SilentConsumersLetTheAccessThroughAfterTheTimeout) {
     // The module's thread went on: a verdict is still heard.
     judge->verdict = 2;
     EXPECT_EQ(EPERM, OpenFromChild(dir / "judged/file"));
+}
+
+TEST_F(FanotifyTaskTest, EveryAccessIsAnsweredByItsOwnDeadlineAndTheRecordTellsWhatTheKernelGot) {
+    // A consumer that takes 600 ms for each verdict and denies: the first
+    // access is denied in time; the others, asked with less time left, are
+    // allowed at their deadlines, and their answers say so.
+    TestUtil::Touch(dir / "file");
+    std::mutex mutex;
+    std::map<unsigned int, std::shared_ptr<Engine::FileNotifyPermitAnswer>> answers;  // by pid
+    judge->verdict = 2;
+    judge->onEvent = [&](const Engine::FileNotifyMessage& message) {
+        {
+            std::lock_guard<std::mutex> lock(mutex);
+            answers[message.GetEventProcessId()] = message.GetPermitAnswer();
+        }
+        std::this_thread::sleep_for(milliseconds(600));  // a slow judge, not a wait for an event
+    };
+    Register(*judge);
+    Guard(judge->GetTaskId(), dir.path());
+    ASSERT_EQ(0, judgeRunner.Start());
+    ASSERT_EQ(0, taskRunner.Start());
+
+    const auto start = std::chrono::steady_clock::now();
+    std::vector<std::unique_ptr<OpeningChild>> children;
+    for (int i = 0; i < 8; ++i)
+        children.push_back(std::make_unique<OpeningChild>(dir / "file"));
+    int denied = 0;
+    for (auto& child : children) {
+        ASSERT_TRUE(child->Wait(milliseconds(5000)));
+        denied += child->result() == EPERM ? 1 : 0;
+    }
+    // Eight one-second waits one after another would take eight seconds.
+    EXPECT_LT(std::chrono::steady_clock::now() - start, milliseconds(3000));
+    EXPECT_GE(denied, 1);
+    EXPECT_LT(denied, 8);
+    ASSERT_TRUE(TestUtil::WaitUntil([&] {
+        std::lock_guard<std::mutex> lock(mutex);
+        return judge->Count() == answers.size() && !answers.empty();
+    }));
+    std::lock_guard<std::mutex> lock(mutex);
+    for (auto& child : children) {
+        auto found = answers.find(static_cast<unsigned int>(child->pid()));
+        if (found == answers.end()) {
+            EXPECT_EQ(0, child->result()) << "an access nobody was asked about is allowed";
+            continue;
+        }
+        const auto state = found->second->GetState();
+        EXPECT_EQ(child->result() == EPERM, state == Engine::FileNotifyPermitAnswer::State::Denied);
+        EXPECT_EQ(child->result() == 0, state == Engine::FileNotifyPermitAnswer::State::AllowedByTimeout);
+    }
+}
+
+TEST_F(FanotifyTaskTest, StopReleasesEveryHeldAccessAtOnce) {
+    TestUtil::Touch(dir / "file");
+    Poco::AutoPtr<RecordingConsumer> idle(new RecordingConsumer("idle"));  // never serves its queue
+    Register(*idle);
+    Guard(idle->GetTaskId(), dir.path());
+    ASSERT_EQ(0, taskRunner.Start());
+    std::vector<std::unique_ptr<OpeningChild>> children;
+    for (int i = 0; i < 8; ++i)
+        children.push_back(std::make_unique<OpeningChild>(dir / "file"));
+    // The module waits on the first; the other seven wait behind it.
+    ASSERT_TRUE(TestUtil::WaitUntil([&] { return idle->GetQueuedMsgCount() == 1; }));
+    const auto start = std::chrono::steady_clock::now();
+    taskRunner.Stop();
+    for (auto& child : children) {
+        ASSERT_TRUE(child->Wait(milliseconds(5000)));
+        EXPECT_EQ(0, child->result());
+    }
+    EXPECT_LT(std::chrono::steady_clock::now() - start, milliseconds(500));
 }
 
 TEST_F(FanotifyTaskTest, AgentNeverWaitsOnItsOwnMarks) {

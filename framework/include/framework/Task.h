@@ -25,6 +25,7 @@ class ConcurrentQueue;
 namespace Framework {
 
 class Message;
+class SyncReply;
 
 struct TaskCondition {
     // How the host treats a task; the framework itself runs them all alike.
@@ -49,6 +50,7 @@ enum MsgResult : int {
     MSG_ERR_TIMEOUT = -4,       // no answer within the time-out
     MSG_ERR_NOT_HANDLED = -5,   // the message was dropped unhandled (receiver stopped)
     MSG_ERR_SELF = -6,          // a synchronous send to the sending task itself would never end
+    MSG_ERR_CANCELLED = -7,     // the sending task was cancelled while it waited
 };
 
 // A unit of work of the agent: a POCO task with a bounded multi-producer
@@ -139,7 +141,8 @@ public:
     // are spread over the time-out. The whole call never waits longer than
     // timeoutMs. On failure returns a negative MsgResult and leaves response
     // empty. A message handled after its sender gave up is still handled and
-    // then freed by the consumer; nothing of the sender is touched.
+    // then freed by the consumer; nothing of the sender is touched. A cancel
+    // of the sending task ends the wait at once with MSG_ERR_CANCELLED.
     int SyncSendMsg(unsigned long taskId, const char* type, Message* msg, std::string& response, long timeoutMs,
                     int last);
 
@@ -209,6 +212,9 @@ private:
     std::mutex _drainMutex;
     std::vector<int> _drainWaiters;  // ids of the senders to signal
     EventWaiter _waiter;
+
+    std::mutex _syncMutex;
+    std::shared_ptr<SyncReply> _syncWait;  // the reply this task waits for, if any
 
     std::mutex _consumerMutex;
     std::map<std::pair<int, std::string>, int> _consumers;  // (taskId, type) -> receiver's id

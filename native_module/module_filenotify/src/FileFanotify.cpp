@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "CpuYield.h"
+#include "FileFanotifyPermitBook.h"
 #include "FileFanotifyPermitReader.h"
 #include "FileNotifyLog.h"
 #include "FileNotifyTask.h"
@@ -64,9 +65,11 @@ void FileFanotify::Finalize() noexcept {
         return;
     }
     // The waiter forgets the descriptor and the reader ends before the group
-    // goes; closing the group allows every access still waiting.
+    // goes; every access still waiting is allowed, and nothing is written
+    // to the group's number once it is closed and may be reused.
     event.reset();
     _reader.reset();
+    if (_book) _book->AllowAll(true);
     if (::close(_fd) == 0) {
         _fd = -1;
     } else {
@@ -120,9 +123,11 @@ int FileFanotify::AddEventWatch(Framework::Task* task, EventHandler handler) {
     if (event) return 0;
     if (_fd < 0) return 1;  // the refused Initialize has said why
     if (block && !_reader) {
-        auto reader = std::make_unique<FileFanotifyPermitReader>(_fd);
+        auto book = std::make_shared<FileFanotifyPermitBook>(_fd);
+        auto reader = std::make_unique<FileFanotifyPermitReader>(_fd, book);
         const int result = reader->Start();
         if (result == 0) {
+            _book = std::move(book);
             _reader = std::move(reader);
         } else {
             FN_LOG(LOG_ERROR, "permission reader not started,error=%d; the task reads the group itself", result);
@@ -136,11 +141,14 @@ int FileFanotify::AddEventWatch(Framework::Task* task, EventHandler handler) {
 }
 
 long FileFanotify::ReadBatch(char* buffer, int size) {
+    _batchTickets.clear();
+    _batchReadAt = std::chrono::steady_clock::now();
     if (_reader) {
         std::vector<int> ownPids;
-        const long taken = _reader->Take(buffer, size, ownPids);
+        const long taken = _reader->Take(buffer, size, ownPids, _batchTickets);
         for (int pid : ownPids)
             FN_LOG(LOG_DEBUG, kOwnAccessAllowedText, pid);
+        ReportRefused();
         return taken;
     }
     ssize_t length;
@@ -183,7 +191,14 @@ int FileFanotify::DoWithEvents(char* buffer, long length, FanotifyCallback callb
         }
         if (record.fd >= 0) {
             callback(_fd, block, &record, userData);
-            ::close(record.fd);
+            // A waiting access's descriptor is the book's: it stays open
+            // until the access is answered.
+            const std::uint64_t ticket = TicketOf(record.fd);
+            if (ticket != 0) {
+                _book->Release(ticket);
+            } else {
+                ::close(record.fd);
+            }
         }
         at += record.event_len;
         remaining -= static_cast<long>(record.event_len);
@@ -198,6 +213,12 @@ void FileFanotify::ReleaseRest(const char* data, long length) const {
     fanotify_event_metadata record{};
     for (; RecordAt(data, length, record); data += record.event_len, length -= static_cast<long>(record.event_len)) {
         if (record.fd < 0) continue;
+        const std::uint64_t ticket = TicketOf(record.fd);
+        if (ticket != 0) {
+            _book->Answer(ticket, true);
+            _book->Release(ticket);
+            continue;
+        }
         if (block && (record.mask & kFanPermissionBits) != 0) {
             const fanotify_response answer{record.fd, FAN_ALLOW};
             (void)!::write(_fd, &answer, sizeof answer);
@@ -206,10 +227,49 @@ void FileFanotify::ReleaseRest(const char* data, long length) const {
     }
 }
 
+std::uint64_t FileFanotify::TicketOf(int eventFd) const {
+    for (const auto& entry : _batchTickets) {
+        if (entry.first == eventFd) return entry.second;
+    }
+    return 0;
+}
+
+void FileFanotify::ReportRefused() {
+    _refused += _book->TakeRefused();
+    const auto now = std::chrono::steady_clock::now();
+    if (_refused == 0 || now - _refusedLogged < std::chrono::seconds(1)) return;
+    FN_LOG(LOG_WARNING, "%Lu accesses allowed at once: %z permission events were waiting already",
+           static_cast<Poco::UInt64>(_refused), FileFanotifyPermitBook::kCapacity);
+    _refused = 0;
+    _refusedLogged = now;
+}
+
+std::chrono::steady_clock::time_point FileFanotify::DeadlineOf(int eventFd) const {
+    const std::uint64_t ticket = TicketOf(eventFd);
+    if (ticket != 0) return _book->DeadlineOf(ticket);
+    return _batchReadAt + FileFanotifyPermitBook::kAnswerWithin;
+}
+
+std::function<bool(bool allow)> FileFanotify::AnswerWriter(int eventFd) {
+    const std::uint64_t ticket = TicketOf(eventFd);
+    if (ticket != 0) return [book = _book, ticket](bool allow) { return book->Answer(ticket, allow); };
+    // Without a reader the task answers after the consumer, on its own thread.
+    return [](bool) { return true; };
+}
+
+void FileFanotify::AllowWaiting() {
+    if (_book) _book->AllowAll(false);
+}
+
 int FileFanotify::DoResponse(int eventFd, bool isAllow) {
     if (_fd < 0) {
         FN_LOG(LOG_ERROR, "Invalid FD %d", _fd);
         return 1;
+    }
+    const std::uint64_t ticket = TicketOf(eventFd);
+    if (ticket != 0) {
+        _book->Answer(ticket, isAllow);
+        return 0;
     }
     const fanotify_response answer{eventFd, isAllow ? static_cast<__u32>(FAN_ALLOW) : static_cast<__u32>(FAN_DENY)};
     if (::write(_fd, &answer, sizeof answer) < 0) {

@@ -2,7 +2,12 @@
 
 #include <sys/fanotify.h>
 
+#include <chrono>
+#include <cstdint>
+#include <functional>
 #include <memory>
+#include <utility>
+#include <vector>
 
 #include "FileNotifyOpt.h"
 
@@ -14,6 +19,7 @@ class Task;
 namespace Engine {
 
 class FileNotifyTask;
+class FileFanotifyPermitBook;
 class FileFanotifyPermitReader;
 
 // Receives one event record; fanotifyFd and block tell which group it came
@@ -63,8 +69,17 @@ public:
     int ReadEvents(char* buffer, int size, FanotifyCallback callback, void* userData);
     // Walks length bytes of records. Always 0.
     int DoWithEvents(char* buffer, long length, FanotifyCallback callback, void* userData);
-    // Answers one permission event. 0, or 1 (logged).
+    // Answers one permission event. 0, or 1 (logged). An event whose
+    // deadline has passed has been allowed already: the call changes nothing.
     int DoResponse(int eventFd, bool isAllow);
+    // Permission events of the current batch: when the access must be
+    // answered by, and a writer of the answer for any thread (true when it
+    // was in time; it stays valid after the group is closed, and then writes
+    // nothing).
+    std::chrono::steady_clock::time_point DeadlineOf(int eventFd) const;
+    std::function<bool(bool allow)> AnswerWriter(int eventFd);
+    // Any thread: allows every access still waiting (a stop has begun).
+    void AllowWaiting();
 
     // The errno of the last refused Initialize, 0 when it succeeded.
     int GetInitError() const { return _initError; }
@@ -78,11 +93,19 @@ public:
 private:
     long ReadBatch(char* buffer, int size);
     void ReleaseRest(const char* data, long length) const;
+    // The event's ticket in the book, 0 when it has none.
+    std::uint64_t TicketOf(int eventFd) const;
+    void ReportRefused();
 
     bool block = false;
     int _fd = -1;
     std::unique_ptr<Framework::Event> event;
+    std::shared_ptr<FileFanotifyPermitBook> _book;
     std::unique_ptr<FileFanotifyPermitReader> _reader;
+    std::vector<std::pair<int, std::uint64_t>> _batchTickets;  // (descriptor, ticket) of the batch in hand
+    std::chrono::steady_clock::time_point _batchReadAt;
+    std::uint64_t _refused = 0;
+    std::chrono::steady_clock::time_point _refusedLogged;
     int _initError = 0;
     unsigned long _overflowCount = 0;
     bool _held = false;

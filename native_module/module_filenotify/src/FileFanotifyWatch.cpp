@@ -1,8 +1,12 @@
 #include "FileFanotifyWatch.h"
 
+#include <fcntl.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
+#include <chrono>
 
 #include "CpuYield.h"
 #include "FileNotifyLog.h"
@@ -20,6 +24,31 @@ std::string ExePathOf(unsigned int pid) {
     bool deleted = false;
     if (pid != 0) SDK::ProcessUtils::GetProcessExePath(pid, exePath, deleted);
     return exePath;
+}
+
+// stat, or lstat when the mark does not follow a link at path.
+bool StatAsMarked(const std::string& path, const _FileNotifyOpt& opt, struct stat& status) {
+    return (opt.watchSymLink ? ::stat(path.c_str(), &status) : ::lstat(path.c_str(), &status)) == 0;
+}
+
+bool IsObjectOf(const struct stat& status, const PermitWatchItem& record) {
+    return status.st_dev == record.dev && status.st_ino == record.ino;
+}
+
+// The folder part of an event path ("/a/b/" gives "/a"); empty for none.
+std::string ParentOf(const std::string& path) {
+    const std::size_t end = path.size() > 1 && path.back() == '/' ? path.size() - 1 : path.size();
+    const std::size_t slash = path.rfind('/', end - 1);
+    if (slash == std::string::npos) return std::string();
+    return slash == 0 ? std::string("/") : path.substr(0, slash);
+}
+
+// A path that reaches the record's object: its own path while that still
+// names it, else the held descriptor's (which reaches a deleted one too).
+std::string MarkedPathOf(const std::string& path, const PermitWatchItem& record) {
+    struct stat status {};
+    if (StatAsMarked(path, record.requestOpt, status) && IsObjectOf(status, record)) return path;
+    return "/proc/self/fd/" + std::to_string(record.held.get());
 }
 
 }  // namespace
@@ -67,6 +96,10 @@ int FileFanotifyWatch::AddEventsWatch(Framework::Task* notifyTask, EventHandler 
         fanotifyMap[permitFileFanotify->GetEventFd()] = permitFileFanotify.get();
     }
     return 0;
+}
+
+void FileFanotifyWatch::AllowWaiting() {
+    permitFileFanotify->AllowWaiting();
 }
 
 void FileFanotifyWatch::CloseInstances() {
@@ -138,6 +171,16 @@ int FileFanotifyWatch::RemoveNotifyWatch(Notify_WatchItem* watchItem) {
 
 int FileFanotifyWatch::AddPermitWatch(int taskId, const std::string& filePath, unsigned int mask,
                                       const _FileNotifyOpt& opt, int& wd) {
+    // Held before the mark is placed: should the path be replaced in
+    // between, the record holds the old object, which the check finds
+    // deleted, and the path is marked again.
+    Framework::UniqueFd held(::open(filePath.c_str(), O_PATH | O_CLOEXEC | (opt.watchSymLink ? 0 : O_NOFOLLOW)));
+    struct stat identity {};
+    if (!held.valid() || ::fstat(held.get(), &identity) != 0) {
+        const int error = errno;
+        FN_LOG(LOG_ERROR, "cannot hold %s for its permit watch, errno=%d", filePath, error);
+        return 1;
+    }
     const int newWd = GetNextWd();
     const int result = permitFileFanotify->AddWatch(filePath.c_str(), mask, opt);
     if (result != 0) {
@@ -146,7 +189,11 @@ int FileFanotifyWatch::AddPermitWatch(int taskId, const std::string& filePath, u
     }
     auto& record = permitWatchMap[filePath];
     if (record) return 0;
-    record = std::make_unique<Notify_WatchItem>();
+    record = std::make_unique<PermitWatchItem>();
+    record->held = std::move(held);
+    record->dev = identity.st_dev;
+    record->ino = identity.st_ino;
+    record->requestOpt = opt;
     record->taskId = taskId;
     record->mask = mask;
     record->wd = newWd;
@@ -164,7 +211,9 @@ int FileFanotifyWatch::RemovePermitWatch(int /*taskId*/, const std::string& file
         return 1;
     }
     if (!found->second) return 0;
-    const int result = permitFileFanotify->RemoveWatch(filePath.c_str(), found->second->mask, found->second->opt);
+    // The mark went with the folder if it moved.
+    const int result = permitFileFanotify->RemoveWatch(MarkedPathOf(filePath, *found->second).c_str(),
+                                                       found->second->mask, found->second->opt);
     if (result != 0) {
         FN_LOG(LOG_ERROR, "call RemoveWatch failed");
         return result;
@@ -173,8 +222,10 @@ int FileFanotifyWatch::RemovePermitWatch(int /*taskId*/, const std::string& file
     return 0;
 }
 
-Notify_WatchItem* FileFanotifyWatch::GetPermitWatchItem(const std::string& eventFile) {
+Notify_WatchItem* FileFanotifyWatch::GetPermitWatchItem(const std::string& eventFile, int eventFd) {
     if (eventFile.empty()) return nullptr;
+    // By identity first: the mark follows its folder, the path does not.
+    if (PermitWatchItem* record = FindPermitWatchByIdentity(eventFile, eventFd)) return record;
     for (const auto& [path, record] : permitWatchMap) {
         FN_CPU_YIELD();
         // A prefix either way, separators not considered: an opened folder
@@ -184,6 +235,74 @@ Notify_WatchItem* FileFanotifyWatch::GetPermitWatchItem(const std::string& event
         if (covered) return record.get();
     }
     return nullptr;
+}
+
+PermitWatchItem* FileFanotifyWatch::FindPermitWatchByIdentity(const std::string& eventFile, int eventFd) const {
+    if (permitWatchMap.empty()) return nullptr;
+    const auto find = [this](const struct stat& status) -> PermitWatchItem* {
+        for (const auto& entry : permitWatchMap) {
+            if (IsObjectOf(status, *entry.second)) return entry.second.get();
+        }
+        return nullptr;
+    };
+    struct stat status {};
+    const std::string parent = ParentOf(eventFile);
+    if (!parent.empty() && ::stat(parent.c_str(), &status) == 0) {
+        if (PermitWatchItem* record = find(status)) return record;
+    }
+    // A watch on the file itself.
+    const int statted = eventFd >= 0 ? ::fstat(eventFd, &status) : ::lstat(eventFile.c_str(), &status);
+    return statted == 0 ? find(status) : nullptr;
+}
+
+void FileFanotifyWatch::CheckPermitWatches() {
+    for (auto it = permitWatchMap.begin(); it != permitWatchMap.end();) {
+        FN_CPU_YIELD();
+        PermitWatchItem& record = *it->second;
+        struct stat status {};
+        if (::fstat(record.held.get(), &status) == 0 && status.st_nlink > 0) {
+            NoteMovedPermitWatch(it->first, record);
+            ++it;
+            continue;
+        }
+        const std::string path = it->first;
+        FN_LOG(LOG_WARNING, "guarded %s was deleted: its permit watch waits until the path exists again", path);
+        // Whatever is left of the mark: a whole-mount mark outlives the folder.
+        if (permitFileFanotify->RemoveWatch(MarkedPathOf(path, record).c_str(), record.mask, record.opt) != 0) {
+            FN_LOG(LOG_DEBUG, "no mark left for %s", path);
+        }
+        const int taskId = record.taskId;
+        const int wd = record.wd;
+        const unsigned int mask = record.mask;
+        const _FileNotifyOpt opt = record.requestOpt;
+        it = permitWatchMap.erase(it);
+        SendPermitWatchReport(taskId, wd, path, FileNotifyMessage::kPermitWatchLostMask, opt.extParm);
+        if (task != nullptr) static_cast<FileNotifyTask*>(task)->AddPendingWatch(taskId, path, mask, opt, 2);
+    }
+}
+
+// A moved folder stays guarded where it is now; its old path is not, which
+// the log says once per move.
+void FileFanotifyWatch::NoteMovedPermitWatch(const std::string& path, PermitWatchItem& record) {
+    struct stat status {};
+    if (StatAsMarked(path, record.requestOpt, status) && IsObjectOf(status, record)) {
+        record.moved = false;
+        return;
+    }
+    if (record.moved) return;
+    record.moved = true;
+    std::string now;
+    FileNotifyUtils::GetFilePathByFd(record.held.get(), now);
+    FN_LOG(LOG_WARNING, "guarded %s has moved to %s: the guard stays with it, the old path is not guarded", path, now);
+}
+
+void FileFanotifyWatch::SendPermitWatchReport(int taskId, int wd, const std::string& path, unsigned int mask,
+                                              unsigned long extParm) {
+    if (task == nullptr) return;
+    auto message = std::make_unique<FileNotifyMessage>(2, path, mask);
+    message->SetWatchFile(wd, path);
+    message->SetExtParm(extParm);
+    static_cast<FileNotifyTask*>(task)->GetFlowControl().Send(taskId, std::move(message), -1);
 }
 
 void FileFanotifyWatch::ClearPermitWatch() {
@@ -294,6 +413,13 @@ int FileFanotifyWatch::DoPermitEvent(int /*fd*/, struct fanotify_event_metadata*
         FN_LOG(LOG_DEBUG, kOwnAccessAllowedText, metadata->pid);
         return permitFileFanotify->DoResponse(eventFd, true);
     }
+    // An access waits until its deadline at most, counted from when it was
+    // read: with no time left, or with the task stopping, nobody is asked.
+    const auto deadline = permitFileFanotify->DeadlineOf(eventFd);
+    if (isPermission && (std::chrono::steady_clock::now() >= deadline || (task != nullptr && task->IsCancelling()))) {
+        FN_LOG(LOG_DEBUG, "no time left to ask about the access of pid=%u: allowed", pid);
+        return permitFileFanotify->DoResponse(eventFd, true);
+    }
     std::string eventFile;
     if (FileNotifyUtils::GetFilePathByFd(eventFd, eventFile) != 0) FN_LOG(LOG_ERROR, "call GetFilePathByFd failed");
     Notify_WatchItem* record = GetPermitWatchItem(eventFile);
@@ -308,7 +434,7 @@ int FileFanotifyWatch::DoPermitEvent(int /*fd*/, struct fanotify_event_metadata*
         }
         FN_CPU_YIELD();
         return 0;
-    } else if (SendSyncEventMsg(record, record->wd, eventFile, mask, pid, isAllow) != 0) {
+    } else if (SendSyncEventMsg(record, record->wd, eventFile, mask, pid, isAllow, deadline, eventFd) != 0) {
         FN_LOG(LOG_ERROR, "call SendSyncEventMsg failed");
     }
     // Answered on every path: the accessing process waits until then.
@@ -324,19 +450,27 @@ int FileFanotifyWatch::DoPermitEvent(int /*fd*/, struct fanotify_event_metadata*
 }
 
 int FileFanotifyWatch::SendSyncEventMsg(Notify_WatchItem* watchItem, int /*wd*/, const std::string& eventFile,
-                                        unsigned int mask, unsigned int pid, bool& isAllow) {
+                                        unsigned int mask, unsigned int pid, bool& isAllow,
+                                        std::chrono::steady_clock::time_point deadline, int eventFd) {
     isAllow = true;
     if (task == nullptr) return 0;
     auto* message = new FileNotifyMessage(2, eventFile, mask);
     message->SetProcess(pid, ExePathOf(pid));
     message->SetWatchFile(watchItem->wd, watchItem->filePath);
     message->SetExtParm(watchItem->opt.extParm);
+    // The consumer's verdict goes to the kernel from the consumer's thread;
+    // whoever is late, the answer tells the consumer what the kernel got.
+    auto answer = std::make_shared<FileNotifyPermitAnswer>(permitFileFanotify->AnswerWriter(eventFd));
+    message->SetPermitAnswer(answer);
+    const auto left = std::chrono::ceil<std::chrono::milliseconds>(deadline - std::chrono::steady_clock::now());
+    const long timeoutMs = std::clamp<long>(static_cast<long>(left.count()), 0L, kPermitTimeoutMs);
     std::string response;
     // Fails open: a time-out, an unknown or full consumer, any answer but 2.
     const int result =
-        task->SyncSendMsg(static_cast<unsigned long>(watchItem->taskId), "f", message, response, kPermitTimeoutMs, 2);
+        task->SyncSendMsg(static_cast<unsigned long>(watchItem->taskId), "f", message, response, timeoutMs, 2);
     FN_LOG(LOG_DEBUG, "SyncSendMsg eventFile %s, reponseResult=%d", eventFile, result);
-    isAllow = result != 2;
+    if (result < 0) answer->Expire();
+    isAllow = answer->GetState() != FileNotifyPermitAnswer::State::Denied;
     return 0;
 }
 

@@ -1,7 +1,9 @@
 #pragma once
 
 #include <sys/fanotify.h>
+#include <sys/types.h>
 
+#include <chrono>
 #include <map>
 #include <memory>
 #include <string>
@@ -9,6 +11,7 @@
 #include "FileFanotify.h"
 #include "FileNotifyOpt.h"
 #include "FileNotifyWatchData.h"
+#include "framework/UniqueFd.h"
 
 namespace Framework {
 class Task;
@@ -17,6 +20,18 @@ class Task;
 namespace Engine {
 
 class FileNotifyTask;
+
+// A permit watch and the object it marks, held open (O_PATH). The kernel's
+// mark is on the inode, so it follows a rename: the record is found by the
+// object's identity. Holding it keeps the inode number from being reused
+// and tells a deleted folder (no link left) from a moved one.
+struct PermitWatchItem : Notify_WatchItem {
+    Framework::UniqueFd held;
+    dev_t dev = 0;
+    ino_t ino = 0;
+    _FileNotifyOpt requestOpt;  // as requested: the watch is placed again with it
+    bool moved = false;         // its path names something else now (logged once)
+};
 
 // The module's fanotify engine: a notification group whose watches live in a
 // registry like inotify watches, and a permission group with one record per
@@ -45,6 +60,8 @@ public:
     int AddEventsWatch(Framework::Task* task, EventHandler handler);
     // Closes both groups: no mark stays, no access waits for an answer.
     void CloseInstances();
+    // Any thread, when a stop begins: every access still waiting is allowed.
+    void AllowWaiting();
     bool IsAvailable() const { return notifyFileFanotify->GetFd() >= 0 || permitFileFanotify->GetFd() >= 0; }
 
     int GetNextWd() { return nextWd++; }
@@ -61,7 +78,22 @@ public:
     int RemovePermitWatch(int taskId, const std::string& filePath);
     // The first record, in path order, whose path is a prefix of eventFile
     // or has eventFile as its prefix; null when none.
-    Notify_WatchItem* GetPermitWatchItem(const std::string& eventFile);
+    // The first record, in path order, whose marked object is the event
+    // file's folder or the file itself (eventFd, when given, is the event's
+    // descriptor), wherever it has moved; else, as the fallback for
+    // whole-mount marks and opened folders above a watched path, the first
+    // whose path is a prefix of eventFile or has eventFile as its prefix;
+    // null when none.
+    Notify_WatchItem* GetPermitWatchItem(const std::string& eventFile, int eventFd = -1);
+    bool HasPermitWatches() const { return !permitWatchMap.empty(); }
+    // About once a second, on the task's thread: a record whose object was
+    // deleted is removed with its mark, reported to its task
+    // (kPermitWatchLostMask) and left pending at the task, which places it
+    // again once the path exists.
+    void CheckPermitWatches();
+    // One asynchronous permit watch report (notify type 2, a
+    // FileNotifyMessage::kPermitWatch*Mask) to taskId.
+    void SendPermitWatchReport(int taskId, int wd, const std::string& path, unsigned int mask, unsigned long extParm);
     void ClearPermitWatch();
 
     // Reads the group whose (event) descriptor is fd. 0, or 1 for an
@@ -78,21 +110,25 @@ public:
     // the call (the file status is taken from it when asked).
     virtual int SendEventMsg(Notify_WatchItem* watchItem, const std::string& eventFile, unsigned int mask,
                              unsigned int pid, int eventFd);
-    // Asks the record's task and waits up to kPermitTimeoutMs; isAllow is
-    // false only when it answered 2. Always 0.
+    // Asks the record's task and waits until the access's deadline at most
+    // (never longer than kPermitTimeoutMs); isAllow is false only when its
+    // deny reached the kernel in time. Always 0.
     int SendSyncEventMsg(Notify_WatchItem* watchItem, int wd, const std::string& eventFile, unsigned int mask,
-                         unsigned int pid, bool& isAllow);
+                         unsigned int pid, bool& isAllow, std::chrono::steady_clock::time_point deadline,
+                         int eventFd);
 
     const FileNotifyWatchData& GetWatchData() const { return notifyWatchData; }
 
 private:
     void LogUnavailable() const;
     void SendOverflowMsg(const FileFanotify& group);
+    PermitWatchItem* FindPermitWatchByIdentity(const std::string& eventFile, int eventFd) const;
+    void NoteMovedPermitWatch(const std::string& path, PermitWatchItem& record);
 
     std::unique_ptr<FileFanotify> notifyFileFanotify;
     std::unique_ptr<FileFanotify> permitFileFanotify;
     std::map<int, FileFanotify*> fanotifyMap;
-    std::map<std::string, std::unique_ptr<Notify_WatchItem>> permitWatchMap;
+    std::map<std::string, std::unique_ptr<PermitWatchItem>> permitWatchMap;
     FileNotifyWatchData notifyWatchData;
     Framework::Task* task = nullptr;
     int nextWd = kFirstWatchId;

@@ -2,6 +2,8 @@
 
 #include <sys/inotify.h>
 
+#include <algorithm>
+
 #include "CpuYield.h"
 #include "FileNotifyLog.h"
 #include "FileNotifyMessage.h"
@@ -31,6 +33,11 @@ int FileNotifyTask::Init() {
         FN_LOG(LOG_ERROR, "fileFanotifyWatch.AddEventsWatch failed");
     }
     return Framework::Task::Init();
+}
+
+void FileNotifyTask::cancel() {
+    Framework::Task::cancel();
+    fileFanotifyWatch.AllowWaiting();
 }
 
 void FileNotifyTask::UnInit() {
@@ -69,7 +76,28 @@ bool FileNotifyTask::IsReaderShared(int reader, int taskId) const {
 
 int FileNotifyTask::NextWaitMs() const {
     const int service = flowControl.NextServiceMs();
-    return service >= 0 && service < waitTimeout ? service : waitTimeout;
+    const int wait = service >= 0 && service < waitTimeout ? service : waitTimeout;
+    const int check = PermitCheckInMs();
+    return check >= 0 && check < wait ? check : wait;
+}
+
+bool FileNotifyTask::HasPendingPermitWatch() const {
+    return std::any_of(pendingWatchList.begin(), pendingWatchList.end(),
+                       [](const auto& record) { return record->notifyType == 2; });
+}
+
+int FileNotifyTask::PermitCheckInMs() const {
+    if (!fileFanotifyWatch.HasPermitWatches() && !HasPendingPermitWatch()) return -1;
+    const auto left = std::chrono::ceil<std::chrono::milliseconds>(nextPermitCheck - std::chrono::steady_clock::now());
+    return static_cast<int>(std::clamp<long long>(left.count(), 0, kPermitCheckMs));
+}
+
+void FileNotifyTask::CheckPermitWatches() {
+    nextPermitCheck = std::chrono::steady_clock::now() + std::chrono::milliseconds(kPermitCheckMs);
+    fileFanotifyWatch.CheckPermitWatches();
+    // The pass-counting timer may be far off when idle; a lost guard's path
+    // may even be back already.
+    if (HasPendingPermitWatch()) TimerSchduler();
 }
 
 int FileNotifyTask::Run() {
@@ -80,6 +108,7 @@ int FileNotifyTask::Run() {
         if (GetEventWaiter().WaitAndHandleEvent(NextWaitMs(), 128) < 0) BulkConsumeMsg(bulkMsgCount);
         // A consumer that drained wakes this loop through the waiter.
         if (flowControl.IsServiceDue(TakeDrainSignal())) flowControl.Service();
+        if (PermitCheckInMs() == 0) CheckPermitWatches();
         // The timer counts passes, not time: idle, a pass is one full wait.
         if (++passCount >= timerPassThreshold) {
             TimerSchduler();
@@ -212,11 +241,19 @@ void FileNotifyTask::TimerSchduler() {
                 break;
             case 2:
                 result = AddPermitWatch(owned->taskId, path, owned->mask, owned->opt, watchId);
+                if (result == 0 && watchId != 0) {
+                    fileFanotifyWatch.SendPermitWatchReport(
+                        owned->taskId, watchId, path, FileNotifyMessage::kPermitWatchBackMask, owned->opt.extParm);
+                }
                 break;
             default:
                 break;
         }
         if (result != 0) FN_LOG(LOG_ERROR, "call AddWatch failed m_filePath=%s", owned->path);
+        // Gone again before the mark: a guard keeps waiting for its path.
+        if (result != 0 && owned->notifyType == 2 && !FileNotifyUtils::IsExistFilePath(owned->path)) {
+            it = std::next(pendingWatchList.insert(it, std::move(owned)));
+        }
     }
 }
 

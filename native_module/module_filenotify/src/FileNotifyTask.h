@@ -1,5 +1,6 @@
 #pragma once
 
+#include <chrono>
 #include <list>
 #include <memory>
 #include <string>
@@ -30,12 +31,18 @@ class FileNotifyTask : public Framework::Task, public FileNotifyWatchService {
 public:
     static constexpr int kQueueCapacity = 4096;
     static constexpr int kEventReadBufferSize = 5120;
+    // Permit watches are checked by time, not by passes: a lost guard must
+    // be back within about a second of its path, even when the loop idles.
+    static constexpr int kPermitCheckMs = 1000;
 
     FileNotifyTask();
 
     int Init() override;
     void UnInit() override;
     int Run() override;
+    // Any thread: besides the framework's cancel, allows every access that
+    // waits for a verdict at once, instead of at its deadline.
+    void cancel() override;
 
     // Event waiter callbacks: drain the ready descriptor of either engine.
     int InotifyEventAction(int fd, unsigned int events, void* arg);
@@ -67,8 +74,10 @@ public:
     // Drops the first pending record of taskId whose path begins with path.
     // Always 0; found tells whether one was dropped.
     int RemovePendingWatch(int taskId, const std::string& path, bool& found) override;
-    // Timer duty, run every timerPassThreshold passes of the loop: pending
-    // paths that exist now become watches; their records are dropped.
+    // Timer duty, run every timerPassThreshold passes of the loop (and by
+    // the permit watch check): pending paths that exist now become watches;
+    // their records are dropped. A permit watch placed is reported to its
+    // task (kPermitWatchBackMask); one whose path went again stays pending.
     void TimerSchduler();
     // Frees every pending watch record.
     void ClearCache();
@@ -89,6 +98,11 @@ private:
     void HoldReader(int reader, bool held);
     bool IsReaderShared(int reader, int taskId) const;
     int NextWaitMs() const;
+    bool HasPendingPermitWatch() const;
+    // Milliseconds until the permit watches are due, 0 when they are, -1
+    // while there is none (placed or pending).
+    int PermitCheckInMs() const;
+    void CheckPermitWatches();
 
     // Before the engines: they send through it until they are gone.
     FileNotifyFlowControl flowControl;
@@ -100,6 +114,7 @@ private:
     int waitTimeout = 3000;
     int timerPassThreshold = 20;
     int passCount = 0;
+    std::chrono::steady_clock::time_point nextPermitCheck{};
     int eventBufferSize = kEventReadBufferSize;
 };
 
