@@ -4,7 +4,17 @@
 
 namespace Engine {
 
+std::shared_ptr<FileNotifyPermitAnswer> FileNotifyPermitAnswer::Create(Writer writer) {
+    return std::make_shared<FileNotifyPermitAnswer>(std::move(writer));
+}
+
 FileNotifyPermitAnswer::FileNotifyPermitAnswer(Writer writer) : _writer(std::move(writer)) {}
+
+void FileNotifyPermitAnswer::Detach() {
+    std::lock_guard<std::mutex> lock(_mutex);
+    _writer = nullptr;
+    if (_state == State::Pending) _state = State::AllowedByTimeout;
+}
 
 void FileNotifyPermitAnswer::Decide(int verdict) {
     std::lock_guard<std::mutex> lock(_mutex);

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <functional>
+#include <memory>
 #include <mutex>
 
 #include "FileNotifyExport.h"
@@ -28,8 +29,15 @@ public:
     // the access had been allowed already at its deadline).
     using Writer = std::function<bool(bool allow)>;
 
+    // Made here, in the library that consumers link: a consumer may hold an
+    // answer after the module that made it has been unloaded.
+    static std::shared_ptr<FileNotifyPermitAnswer> Create(Writer writer);
     explicit FileNotifyPermitAnswer(Writer writer);
 
+    // The module is going away: its writer is dropped now, while its code is
+    // still loaded; an answer still pending counts as allowed (the module
+    // has allowed every waiting access).
+    void Detach();
     // The consumer's verdict (2 denies, anything else allows).
     void Decide(int verdict);
     // No verdict came in time: the access is allowed (if not answered yet).

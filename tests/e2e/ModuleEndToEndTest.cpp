@@ -8,12 +8,14 @@
 #include <cstring>
 #include <fstream>
 #include <functional>
+#include <memory>
 #include <string>
 #include <vector>
 
 #include <gtest/gtest.h>
 
 #include <Poco/AutoPtr.h>
+#include <Poco/Event.h>
 
 #include "ChildProcess.h"
 #include "FileNotifyLog.h"
@@ -253,6 +255,32 @@ TEST_F(FanotifyEndToEnd, PermitRequestLetsTheConsumerDecide) {
     ASSERT_TRUE(child.Wait(milliseconds(5000)));
     EXPECT_EQ(0, child.result());
     EXPECT_EQ(asked, a->Count());
+}
+
+// A permission event still in a consumer's hands when the module is stopped
+// and unloaded: the access is released at the stop, and the late verdict
+// runs no code of the unloaded module.
+TEST_F(FanotifyEndToEnd, AConsumerMayJudgeAfterTheModuleIsGone) {
+    TestUtil::Touch(dir / "secret");
+    Poco::Event gate(false);
+    std::shared_ptr<Engine::FileNotifyPermitAnswer> answer;
+    a->verdict = 2;
+    a->onEvent = [&](const Engine::FileNotifyMessage& message) {
+        answer = message.GetPermitAnswer();
+        gate.wait();
+    };
+    Engine::_FileNotifyOpt opt = Options(true, false);
+    opt.permit = true;
+    ASSERT_EQ(0, Watch(*a, dir.path(), {FAN_OPEN}, opt));
+    TestUtil::OpeningChild child(dir / "secret");
+    ASSERT_TRUE(TestUtil::WaitUntil([&] { return a->GetQueuedMsgCount() == 0 && answer != nullptr; }));
+    host.Stop();
+    ASSERT_TRUE(child.Wait(milliseconds(5000)));
+    EXPECT_EQ(0, child.result());
+    gate.set();
+    ASSERT_TRUE(a->WaitFor(1));
+    EXPECT_EQ(Engine::FileNotifyPermitAnswer::State::AllowedByTimeout, answer->GetState());
+    EXPECT_EQ(2, answer->GetVerdict());
 }
 
 }  // namespace

@@ -3,6 +3,7 @@
 #include <fcntl.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
 #include <vector>
@@ -11,6 +12,7 @@
 #include "FileFanotifyPermitBook.h"
 #include "FileFanotifyPermitReader.h"
 #include "FileNotifyLog.h"
+#include "FileNotifyPermitAnswer.h"
 #include "FileNotifyTask.h"
 #include "framework/Event.h"
 
@@ -70,6 +72,10 @@ void FileFanotify::Finalize() noexcept {
     event.reset();
     _reader.reset();
     if (_book) _book->AllowAll(true);
+    for (const auto& handed : _answers) {
+        if (auto answer = handed.lock()) answer->Detach();
+    }
+    _answers.clear();
     if (::close(_fd) == 0) {
         _fd = -1;
     } else {
@@ -250,11 +256,20 @@ std::chrono::steady_clock::time_point FileFanotify::DeadlineOf(int eventFd) cons
     return _batchReadAt + FileFanotifyPermitBook::kAnswerWithin;
 }
 
-std::function<bool(bool allow)> FileFanotify::AnswerWriter(int eventFd) {
+std::shared_ptr<FileNotifyPermitAnswer> FileFanotify::NewAnswer(int eventFd) {
     const std::uint64_t ticket = TicketOf(eventFd);
-    if (ticket != 0) return [book = _book, ticket](bool allow) { return book->Answer(ticket, allow); };
-    // Without a reader the task answers after the consumer, on its own thread.
-    return [](bool) { return true; };
+    FileNotifyPermitAnswer::Writer writer;
+    if (ticket != 0) {
+        writer = [book = _book, ticket](bool allow) { return book->Answer(ticket, allow); };
+    } else {
+        // Without a reader the task answers after the consumer, on its own thread.
+        writer = [](bool) { return true; };
+    }
+    auto answer = FileNotifyPermitAnswer::Create(std::move(writer));
+    _answers.erase(std::remove_if(_answers.begin(), _answers.end(), [](const auto& a) { return a.expired(); }),
+                   _answers.end());
+    _answers.push_back(answer);
+    return answer;
 }
 
 void FileFanotify::AllowWaiting() {

@@ -4,7 +4,6 @@
 
 #include <chrono>
 #include <cstdint>
-#include <functional>
 #include <memory>
 #include <utility>
 #include <vector>
@@ -20,6 +19,7 @@ namespace Engine {
 
 class FileNotifyTask;
 class FileFanotifyPermitBook;
+class FileNotifyPermitAnswer;
 class FileFanotifyPermitReader;
 
 // Receives one event record; fanotifyFd and block tell which group it came
@@ -77,7 +77,7 @@ public:
     // was in time; it stays valid after the group is closed, and then writes
     // nothing).
     std::chrono::steady_clock::time_point DeadlineOf(int eventFd) const;
-    std::function<bool(bool allow)> AnswerWriter(int eventFd);
+    std::shared_ptr<FileNotifyPermitAnswer> NewAnswer(int eventFd);
     // Any thread: allows every access still waiting (a stop has begun).
     void AllowWaiting();
 
@@ -105,6 +105,9 @@ private:
     std::vector<std::pair<int, std::uint64_t>> _batchTickets;  // (descriptor, ticket) of the batch in hand
     std::chrono::steady_clock::time_point _batchReadAt;
     std::uint64_t _refused = 0;
+    // Answers handed to consumers: detached at Finalize, before the module's
+    // code can be unloaded under them.
+    std::vector<std::weak_ptr<FileNotifyPermitAnswer>> _answers;
     std::chrono::steady_clock::time_point _refusedLogged;
     int _initError = 0;
     unsigned long _overflowCount = 0;

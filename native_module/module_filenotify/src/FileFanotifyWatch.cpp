@@ -422,7 +422,7 @@ int FileFanotifyWatch::DoPermitEvent(int /*fd*/, struct fanotify_event_metadata*
     }
     std::string eventFile;
     if (FileNotifyUtils::GetFilePathByFd(eventFd, eventFile) != 0) FN_LOG(LOG_ERROR, "call GetFilePathByFd failed");
-    Notify_WatchItem* record = GetPermitWatchItem(eventFile);
+    Notify_WatchItem* record = GetPermitWatchItem(eventFile, eventFd);
     bool isAllow = true;
     if (record == nullptr) {
         FN_LOG(LOG_ERROR, "GetPermitWatchItem NULL for file %s", eventFile);
@@ -460,7 +460,7 @@ int FileFanotifyWatch::SendSyncEventMsg(Notify_WatchItem* watchItem, int /*wd*/,
     message->SetExtParm(watchItem->opt.extParm);
     // The consumer's verdict goes to the kernel from the consumer's thread;
     // whoever is late, the answer tells the consumer what the kernel got.
-    auto answer = std::make_shared<FileNotifyPermitAnswer>(permitFileFanotify->AnswerWriter(eventFd));
+    auto answer = permitFileFanotify->NewAnswer(eventFd);
     message->SetPermitAnswer(answer);
     const auto left = std::chrono::ceil<std::chrono::milliseconds>(deadline - std::chrono::steady_clock::now());
     const long timeoutMs = std::clamp<long>(static_cast<long>(left.count()), 0L, kPermitTimeoutMs);
