@@ -96,7 +96,7 @@ constexpr int kPipeBytes = 1 << 20;  // guard's verdict lines seldom wait for th
 // The drain thread reads guard's stdout at most this often, so that a line
 // written per verdict does not wake it per verdict.
 constexpr auto kDrainPace = std::chrono::milliseconds(10);
-constexpr std::size_t kStderrKeep = 16 * 1024;
+constexpr std::size_t kStderrKeep = std::size_t{16} * 1024;
 
 std::atomic<bool> g_failed{false};
 BenchUtil::Sysctl g_maxQueued{"/proc/sys/fs/fanotify/max_queued_events", {}, 0};
@@ -117,13 +117,27 @@ void RestoreAndReraise(int sig) {
     std::raise(sig);
 }
 
+// While the guarded opens run, a first SIGINT, SIGTERM or SIGHUP ends them
+// cleanly (checker and opener stopped, folder removed); a second one, or one
+// during the Google Benchmark part, ends the program at once.
+volatile std::sig_atomic_t g_graceful = 0;
+volatile std::sig_atomic_t g_interrupted = 0;
+
+void OnStopSignal(int sig) {
+    if (g_graceful && !g_interrupted) {
+        g_interrupted = 1;
+        return;
+    }
+    RestoreAndReraise(sig);
+}
+
 std::string ErrnoText(const char* call) {
     return std::string(call) + ": " + std::strerror(errno);
 }
 
 int Milliseconds(Clock::duration duration) {
     const auto ms = std::chrono::duration_cast<std::chrono::milliseconds>(duration).count();
-    return static_cast<int>(std::clamp<decltype(ms)>(ms, 0, 24 * 3600 * 1000));
+    return static_cast<int>(std::clamp<decltype(ms)>(ms, 0, decltype(ms){24} * 3600 * 1000));
 }
 
 // 1234567 -> "1,234,567"
@@ -304,12 +318,17 @@ OpenLoop ChildOpenLoop(const char* path, long opens, Clock::duration timeout, in
     while (loop.error.empty() && ns < 0) {
         pollfd fds[2] = {{result.get(), POLLIN, 0}, {checker, POLLIN, 0}};
         const int left = Milliseconds(deadline - Clock::now());
-        const int ready = left > 0 ? ::poll(fds, checker >= 0 ? 2 : 1, left) : 0;
+        // In slices: a signal may land on another thread and leave this poll running.
+        const int ready = left > 0 && !g_interrupted ? ::poll(fds, checker >= 0 ? 2 : 1, std::min(left, 100)) : 0;
         if (ready < 0 && errno == EINTR) continue;
         if (ready < 0) {
             loop.error = ErrnoText("poll");
-        } else if (ready == 0) {
+        } else if (ready == 0 && g_interrupted) {
+            loop.error = "interrupted";
+        } else if (ready == 0 && left <= 100) {
             loop.error = "no result within " + std::to_string(Milliseconds(timeout) / 1000) + " s";
+        } else if (ready == 0) {
+            continue;
         } else if (checker >= 0 && fds[1].revents != 0) {
             loop.error = "the checker ended during the loop";
         } else if (::read(result.get(), &ns, sizeof ns) != sizeof ns) {
@@ -448,8 +467,10 @@ public:
     // True once the ready text is on stderr; false on a time-out or the
     // process's end.
     bool WaitReady(Clock::duration timeout) {
+        const Clock::time_point deadline = Clock::now() + timeout;
         std::unique_lock<std::mutex> lock(_mutex);
-        _changed.wait_for(lock, timeout, [&] { return _ready || _closed; });
+        while (!_ready && !_closed && !g_interrupted && Clock::now() < deadline)
+            _changed.wait_for(lock, std::chrono::milliseconds(100));
         return _ready;
     }
 
@@ -618,9 +639,9 @@ public:
 
         std::vector<Run> runs[kCheckers];
         bool ok = true;
-        for (int round = 0; round < _settings.runs; ++round) {
+        for (int round = 0; round < _settings.runs && !g_interrupted; ++round) {
             // Each round starts with the next checker, so that none always follows the same one.
-            for (std::size_t turn = 0; turn < kCheckers; ++turn) {
+            for (std::size_t turn = 0; turn < kCheckers && !g_interrupted; ++turn) {
                 const std::size_t c = (turn + static_cast<std::size_t>(round)) % kCheckers;
                 if (!enabled[c]) {
                     runs[c].push_back(Run{});
@@ -691,8 +712,9 @@ private:
         // Nothing is opened under its mark before it answers.
         if (!guard.WaitReady(kReadyTimeout)) {
             const std::string exit = guard.Stop();
-            loop.error = "not ready (" + (exit.empty() ? std::string("no ready line") : exit) +
-                         "); stderr: " + OneLine(guard.Stderr());
+            loop.error = g_interrupted ? "interrupted"
+                                       : "not ready (" + (exit.empty() ? std::string("no ready line") : exit) +
+                                             "); stderr: " + OneLine(guard.Stderr());
             return loop;
         }
         loop = ChildOpenLoop(_file.c_str(), _settings.opens, timeout, guard.pidfd(), [&guard] { guard.Kill(); });
@@ -721,7 +743,7 @@ private:
         for (std::size_t c = 0; c < kCheckers; ++c) {
             std::vector<double> differences;
             for (std::size_t r = 0; r < runs[c].size(); ++r)
-                if (runs[c][r].us >= 0 && runs[kNone][r].us >= 0)
+                if (r < runs[kNone].size() && runs[c][r].us >= 0 && runs[kNone][r].us >= 0)
                     differences.push_back(runs[c][r].us - runs[kNone][r].us);
             haveExtra[c] = c != kNone && !differences.empty();
             if (haveExtra[c]) extra[c] = Median(differences);
@@ -883,11 +905,19 @@ int main(int argc, char** argv) {
         return 1;
     }
     ::close(probe);
-    for (int sig : {SIGINT, SIGTERM, SIGHUP, SIGQUIT, SIGSEGV, SIGBUS, SIGFPE, SIGILL, SIGABRT})
+    for (int sig : {SIGINT, SIGTERM, SIGHUP})
+        std::signal(sig, OnStopSignal);
+    for (int sig : {SIGQUIT, SIGSEGV, SIGBUS, SIGFPE, SIGILL, SIGABRT})
         std::signal(sig, RestoreAndReraise);
     std::atexit(RestoreQueue);
 
+    g_graceful = 1;
     bool ok = GuardedOpens(settings).Measure();
+    g_graceful = 0;
+    if (g_interrupted) {
+        std::printf("interrupted\n");
+        return 130;
+    }
     if (!settings.permitOnly) {
         std::printf("\n");
         std::fflush(stdout);
