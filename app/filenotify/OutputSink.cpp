@@ -15,7 +15,7 @@ constexpr std::chrono::milliseconds kFinishOnExit{2000};
 
 }  // namespace
 
-OutputSink::OutputSink(const std::string& file, std::function<void()> onFailure) {
+OutputSink::OutputSink(const std::string& file, std::function<void()> onFailure, bool ownWriter) {
     _state->onFailure = std::move(onFailure);
     if (!file.empty()) {
         _state->file.reset(::open(file.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0666));
@@ -24,7 +24,7 @@ OutputSink::OutputSink(const std::string& file, std::function<void()> onFailure)
             return;
         }
     }
-    _writer = std::thread(&OutputSink::Run, _state);
+    if (ownWriter) _writer = std::thread(&OutputSink::Run, _state);
 }
 
 OutputSink::~OutputSink() {
@@ -80,9 +80,14 @@ void OutputSink::Run(std::shared_ptr<State> state) {
 }
 
 bool OutputSink::Write(std::string& data, bool mayWait) {
-    if (Error() != 0 || !_writer.joinable()) {
+    if (Error() != 0) {
         data.clear();
         return false;
+    }
+    if (!_writer.joinable()) {
+        const bool written = _state->WriteAll(data);
+        data.clear();
+        return written;
     }
     {
         std::unique_lock<std::mutex> lock(_state->mutex);
@@ -102,6 +107,7 @@ bool OutputSink::Write(std::string& data, bool mayWait) {
 }
 
 bool OutputSink::Drain(std::chrono::milliseconds timeout) {
+    if (!_writer.joinable()) return Error() == 0;
     std::unique_lock<std::mutex> lock(_state->mutex);
     return _state->changed.wait_for(lock, timeout, [this] {
         return (_state->waiting.empty() && _state->writing == 0) || _state->error != 0;

@@ -13,10 +13,12 @@
 
 namespace FileNotifyCli {
 
-// Where the lines go: stdout, or a file opened for appending. A thread of
-// its own writes them with plain write(2), so that an output that is slow or
+// Where the lines go: stdout, or a file opened for appending, written with
+// plain write(2). With a writer thread (a guard), an output that is slow or
 // blocked (a full pipe, a paused terminal, a slow disk) never holds up the
-// consumer, and with it a guard's verdicts.
+// consumer, and with it the verdicts. Without one (watch), the consumer
+// writes itself: cheaper, and a slow output holds back the events, which
+// then wait in the kernel.
 class OutputSink {
 public:
     // Bytes that may wait for a slow output before Write blocks: a reader
@@ -25,8 +27,9 @@ public:
     static constexpr std::size_t kMaxWaiting = std::size_t{16} << 20;
 
     // file empty: stdout. Error() tells why a file could not be opened.
-    // onFailure runs once, on the writer's thread, when a write fails.
-    OutputSink(const std::string& file, std::function<void()> onFailure);
+    // onFailure runs once, on the writing thread, when a write fails.
+    OutputSink(const std::string& file, std::function<void()> onFailure, bool ownWriter);
+    bool HasOwnWriter() const { return _writer.joinable(); }
     // Gives the writer a moment to finish, then leaves it (a blocked write
     // must not keep the program from ending).
     ~OutputSink();

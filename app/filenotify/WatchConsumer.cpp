@@ -58,19 +58,19 @@ int WatchConsumer::Run() {
         if (GetEventWaiter().WaitAndHandleEvent(waitMs, kBulkCount) < 0) BulkConsumeMsg(kBulkCount);
         // Lines go out when the queue is empty, in large pieces during a
         // burst, and never from inside a handler (a slow output must not
-        // delay a verdict). Each hand-over wakes the writer thread, so a
-        // trickle of events is handed over at most every kFlushPause.
+        // delay a verdict). A hand-over to a writer thread wakes it, so
+        // then a trickle of events is handed over at most every kFlushPause.
         waitMs = kWaitMs;
         const auto now = std::chrono::steady_clock::now();
-        if (_buffer.size() >= kFlushBytes || (GetQueuedMsgCount() == 0 && now - lastFlush >= kFlushPause)) {
+        const auto pause = _output.HasOwnWriter() ? kFlushPause : std::chrono::milliseconds(0);
+        if (_buffer.size() >= kFlushBytes || (GetQueuedMsgCount() == 0 && now - lastFlush >= pause)) {
             Flush();
             lastFlush = now;
         } else if (!_buffer.empty() && GetQueuedMsgCount() == 0) {
-            waitMs = static_cast<int>(
-                std::chrono::ceil<std::chrono::milliseconds>(kFlushPause - (now - lastFlush)).count());
+            waitMs = static_cast<int>(std::chrono::ceil<std::chrono::milliseconds>(pause - (now - lastFlush)).count());
         }
     }
-    Flush(false);  // stopping: never wait for a stuck output here
+    Flush(false);             // stopping: never wait for a stuck output here
     _pipeReaderGone.reset();  // on this thread, which owns the waiter
     return 0;
 }

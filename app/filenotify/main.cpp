@@ -320,7 +320,10 @@ int FileNotifyApp::main(const std::vector<std::string>& args) {
             return kExitNoCapability;
         }
     }
-    OutputSink output(_settings.output, [] { terminate(); });
+    // A guard's verdicts must never wait for the output: it writes from a
+    // thread of its own.
+    OutputSink output(
+        _settings.output, [] { terminate(); }, _settings.mode == CliSettings::Mode::Guard);
     if (output.Error() != 0) {
         std::cerr << "filenotify: cannot open " << _settings.output << ": "
                   << std::generic_category().message(output.Error()) << std::endl;

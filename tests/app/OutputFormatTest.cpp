@@ -166,7 +166,7 @@ TEST(OutputFormat, LossReportsArePrintedAndCounted) {
         settings.events = 0x100;  // create
         settings.count = 1;
         settings.json = json;
-        FileNotifyCli::OutputSink output(dir / "out", nullptr);
+        FileNotifyCli::OutputSink output(dir / "out", nullptr, json);  // both ways of writing
         int stops = 0;
         Poco::AutoPtr<FileNotifyCli::WatchConsumer> consumer(
             new FileNotifyCli::WatchConsumer(settings, output, [&] { ++stops; }));
