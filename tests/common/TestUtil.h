@@ -12,6 +12,7 @@
 #include <functional>
 #include <string>
 #include <thread>
+#include <utility>
 
 #include <gtest/gtest.h>
 
@@ -62,6 +63,19 @@ inline bool WaitUntil(const std::function<bool()>& cond,
     }
     return true;
 }
+
+// Runs a function when the scope ends, also when an assertion returns
+// early: stops threads that use a test's locals before the locals go.
+class AtScopeEnd {
+public:
+    explicit AtScopeEnd(std::function<void()> run) : _run(std::move(run)) {}
+    ~AtScopeEnd() { _run(); }
+    AtScopeEnd(const AtScopeEnd&) = delete;
+    AtScopeEnd& operator=(const AtScopeEnd&) = delete;
+
+private:
+    std::function<void()> _run;
+};
 
 // File-system actions that must succeed for a test to mean anything.
 inline void MakeDir(const std::string& path) {

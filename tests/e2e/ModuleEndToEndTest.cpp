@@ -9,6 +9,7 @@
 #include <fstream>
 #include <functional>
 #include <memory>
+#include <mutex>
 #include <string>
 #include <vector>
 
@@ -265,20 +266,32 @@ TEST_F(FanotifyEndToEnd, AConsumerMayJudgeAfterTheModuleIsGone) {
     Poco::Event gate(false);
     std::shared_ptr<Engine::FileNotifyPermitAnswer> answer;
     a->verdict = 2;
+    std::mutex mutex;
     a->onEvent = [&](const Engine::FileNotifyMessage& message) {
-        answer = message.GetPermitAnswer();
+        {
+            std::lock_guard<std::mutex> lock(mutex);
+            answer = message.GetPermitAnswer();
+        }
         gate.wait();
     };
+    const TestUtil::AtScopeEnd stopFirst([&] {
+        gate.set();
+        runnerA.Stop();
+    });
     Engine::_FileNotifyOpt opt = Options(true, false);
     opt.permit = true;
     ASSERT_EQ(0, Watch(*a, dir.path(), {FAN_OPEN}, opt));
     TestUtil::OpeningChild child(dir / "secret");
-    ASSERT_TRUE(TestUtil::WaitUntil([&] { return a->GetQueuedMsgCount() == 0 && answer != nullptr; }));
+    ASSERT_TRUE(TestUtil::WaitUntil([&] {
+        std::lock_guard<std::mutex> lock(mutex);
+        return answer != nullptr;
+    }));
     host.Stop();
     ASSERT_TRUE(child.Wait(milliseconds(5000)));
     EXPECT_EQ(0, child.result());
     gate.set();
     ASSERT_TRUE(a->WaitFor(1));
+    std::lock_guard<std::mutex> lock(mutex);
     EXPECT_EQ(Engine::FileNotifyPermitAnswer::State::AllowedByTimeout, answer->GetState());
     EXPECT_EQ(2, answer->GetVerdict());
 }

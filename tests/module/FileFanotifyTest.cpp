@@ -300,6 +300,11 @@ TEST_F(FanotifyTaskTest, EveryAccessIsAnsweredByItsOwnDeadlineAndTheRecordTellsW
         }
         std::this_thread::sleep_for(milliseconds(600));  // a slow judge, not a wait for an event
     };
+    // The judge's handler uses this test's locals: no event may reach it later.
+    const TestUtil::AtScopeEnd stopFirst([this] {
+        taskRunner.Stop();
+        judgeRunner.Stop();
+    });
     Register(*judge);
     Guard(judge->GetTaskId(), dir.path());
     ASSERT_EQ(0, judgeRunner.Start());
@@ -322,6 +327,8 @@ TEST_F(FanotifyTaskTest, EveryAccessIsAnsweredByItsOwnDeadlineAndTheRecordTellsW
         std::lock_guard<std::mutex> lock(mutex);
         return judge->Count() == answers.size() && !answers.empty();
     }));
+    taskRunner.Stop();
+    judgeRunner.Stop();
     std::lock_guard<std::mutex> lock(mutex);
     for (auto& child : children) {
         auto found = answers.find(static_cast<unsigned int>(child->pid()));
