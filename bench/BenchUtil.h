@@ -4,6 +4,9 @@
 #include <stdlib.h>
 #include <unistd.h>
 
+#include <algorithm>
+#include <cerrno>
+#include <chrono>
 #include <csignal>
 #include <cstddef>
 #include <cstdio>
@@ -77,6 +80,52 @@ inline bool RaiseSysctl(Sysctl& setting, long value) {
     setting.raised = 1;  // before the write: a signal in between still restores
     const std::string text = std::to_string(value) + "\n";
     return WriteText(setting.path, text.c_str(), text.size()) && ReadLong(setting.path) == value;
+}
+
+// ---- text and command lines ------------------------------------------------
+
+inline std::string ErrnoText(const char* call) {
+    return std::string(call) + ": " + std::strerror(errno);
+}
+
+// Whole milliseconds, clamped to a day: a poll time-out.
+inline int Milliseconds(std::chrono::steady_clock::duration duration) {
+    const auto ms = std::chrono::duration_cast<std::chrono::milliseconds>(duration).count();
+    return static_cast<int>(std::clamp<decltype(ms)>(ms, 0, decltype(ms){24} * 3600 * 1000));
+}
+
+// 1234567 -> "1,234,567"
+inline std::string Grouped(long value) {
+    std::string digits = std::to_string(value < 0 ? -value : value);
+    for (int at = static_cast<int>(digits.size()) - 3; at > 0; at -= 3)
+        digits.insert(static_cast<std::size_t>(at), ",");
+    return value < 0 ? "-" + digits : digits;
+}
+
+// The text on one line, shortened.
+inline std::string OneLine(std::string text) {
+    std::replace(text.begin(), text.end(), '\n', ' ');
+    while (!text.empty() && text.back() == ' ')
+        text.pop_back();
+    if (text.size() > 300) text = text.substr(0, 300) + "...";
+    return text;
+}
+
+// What a tool wrote to stderr after its ready line.
+inline std::string StderrBeyondReady(const std::string& text, const char* readyText) {
+    std::size_t from = text.find(readyText);
+    if (from != std::string::npos) from = text.find('\n', from);
+    return from == std::string::npos ? std::string() : OneLine(text.substr(from + 1));
+}
+
+// A whole decimal number above 0.
+inline bool ParsePositive(const char* text, long& value) {
+    char* end = nullptr;
+    errno = 0;
+    const long parsed = std::strtol(text, &end, 10);
+    if (end == text || *end != '\0' || errno != 0 || parsed <= 0) return false;
+    value = parsed;
+    return true;
 }
 
 }  // namespace BenchUtil

@@ -51,6 +51,12 @@
 namespace {
 
 using Clock = std::chrono::steady_clock;
+using BenchUtil::ErrnoText;
+using BenchUtil::Grouped;
+using BenchUtil::Milliseconds;
+using BenchUtil::OneLine;
+using BenchUtil::ParsePositive;
+using BenchUtil::StderrBeyondReady;
 using BenchUtil::TempDir;
 using Framework::UniqueFd;
 
@@ -101,36 +107,12 @@ double Seconds(Clock::duration duration) {
     return std::chrono::duration<double>(duration).count();
 }
 
-int Milliseconds(Clock::duration duration) {
-    return static_cast<int>(std::chrono::duration_cast<std::chrono::milliseconds>(duration).count());
-}
-
-// 1234567 -> "1,234,567"
-std::string Grouped(long value) {
-    std::string digits = std::to_string(value < 0 ? -value : value);
-    for (int at = static_cast<int>(digits.size()) - 3; at > 0; at -= 3)
-        digits.insert(static_cast<std::size_t>(at), ",");
-    return value < 0 ? "-" + digits : digits;
-}
-
-std::string ErrnoText(const char* call) {
-    return std::string(call) + ": " + std::strerror(errno);
-}
-
 // ---- settings and tools ----------------------------------------------------
 
 struct Settings {
     long files = 100000;
     int runs = 3;
 };
-
-bool ParsePositive(const char* text, long& value) {
-    char* end = nullptr;
-    const long parsed = std::strtol(text, &end, 10);
-    if (end == text || *end != '\0' || parsed <= 0) return false;
-    value = parsed;
-    return true;
-}
 
 // False on a bad command line.
 bool ParseArguments(int argc, char** argv, Settings& settings) {
@@ -526,22 +508,6 @@ long ChurnFiles(const std::vector<std::string>& paths) {
         if (::unlink(path) != 0) ++failed;
     }
     return failed;
-}
-
-// The text on one line, shortened.
-std::string OneLine(std::string text) {
-    std::replace(text.begin(), text.end(), '\n', ' ');
-    while (!text.empty() && text.back() == ' ')
-        text.pop_back();
-    if (text.size() > 300) text = text.substr(0, 300) + "...";
-    return text;
-}
-
-// What the tool wrote to stderr after its ready line.
-std::string StderrBeyondReady(const std::string& text, const char* readyText) {
-    std::size_t from = text.find(readyText);
-    if (from != std::string::npos) from = text.find('\n', from);
-    return from == std::string::npos ? std::string() : OneLine(text.substr(from + 1));
 }
 
 RunResult RunOnce(const Tool& tool, const Workload& workload, long files) {

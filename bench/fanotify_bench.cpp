@@ -77,6 +77,12 @@
 namespace {
 
 using Clock = std::chrono::steady_clock;
+using BenchUtil::ErrnoText;
+using BenchUtil::Grouped;
+using BenchUtil::Milliseconds;
+using BenchUtil::OneLine;
+using BenchUtil::ParsePositive;
+using BenchUtil::StderrBeyondReady;
 using BenchUtil::TempDir;
 using Framework::UniqueFd;
 
@@ -129,32 +135,6 @@ void OnStopSignal(int sig) {
         return;
     }
     RestoreAndReraise(sig);
-}
-
-std::string ErrnoText(const char* call) {
-    return std::string(call) + ": " + std::strerror(errno);
-}
-
-int Milliseconds(Clock::duration duration) {
-    const auto ms = std::chrono::duration_cast<std::chrono::milliseconds>(duration).count();
-    return static_cast<int>(std::clamp<decltype(ms)>(ms, 0, decltype(ms){24} * 3600 * 1000));
-}
-
-// 1234567 -> "1,234,567"
-std::string Grouped(long value) {
-    std::string digits = std::to_string(value < 0 ? -value : value);
-    for (int at = static_cast<int>(digits.size()) - 3; at > 0; at -= 3)
-        digits.insert(static_cast<std::size_t>(at), ",");
-    return value < 0 ? "-" + digits : digits;
-}
-
-// The text on one line, shortened.
-std::string OneLine(std::string text) {
-    std::replace(text.begin(), text.end(), '\n', ' ');
-    while (!text.empty() && text.back() == ' ')
-        text.pop_back();
-    if (text.size() > 300) text = text.substr(0, 300) + "...";
-    return text;
 }
 
 // Through syscall(): the pidfd_open declaration of glibc 2.36 lacks C linkage.
@@ -235,15 +215,6 @@ struct Settings {
     int runs = 5;
     bool permitOnly = false;
 };
-
-bool ParsePositive(const char* text, long& value) {
-    char* end = nullptr;
-    errno = 0;
-    const long parsed = std::strtol(text, &end, 10);
-    if (end == text || *end != '\0' || errno != 0 || parsed <= 0) return false;
-    value = parsed;
-    return true;
-}
 
 // The arguments Google Benchmark left; false on a bad command line.
 bool ParseArguments(int argc, char** argv, Settings& settings) {
@@ -588,13 +559,6 @@ private:
     long _lines = 0, _allowed = 0;         // the drain thread's until it has ended
 };
 
-// What guard wrote to stderr after its ready line.
-std::string StderrBeyondReady(const std::string& text) {
-    std::size_t from = text.find(kGuardReady);
-    if (from != std::string::npos) from = text.find('\n', from);
-    return from == std::string::npos ? std::string() : OneLine(text.substr(from + 1));
-}
-
 struct Checker {
     const char* label;
     const char* what;
@@ -723,7 +687,7 @@ private:
         if (loop.error.empty() && (guard.allowed() != _settings.opens || guard.lines() != guard.allowed()))
             loop.error =
                 "guard printed " + Grouped(guard.allowed()) + " allow verdicts in " + Grouped(guard.lines()) + " lines";
-        const std::string rest = StderrBeyondReady(guard.Stderr());
+        const std::string rest = StderrBeyondReady(guard.Stderr(), kGuardReady);
         if (!rest.empty()) note = "guard stderr: " + rest;
         if (!loop.error.empty()) loop.seconds = -1;
         return loop;
