@@ -118,13 +118,17 @@ inline std::string StderrBeyondReady(const std::string& text, const char* readyT
     return from == std::string::npos ? std::string() : OneLine(text.substr(from + 1));
 }
 
-// A whole decimal number above 0.
-inline bool ParsePositive(const char* text, long& value) {
+// Whether argv[i] is the option `name` followed by a whole number from 1 to
+// limit; then value takes the number and i moves onto it.
+inline bool NumberOption(int argc, char** argv, int& i, const char* name, long limit, long& value) {
+    if (std::strcmp(argv[i], name) != 0 || i + 1 >= argc) return false;
+    const char* text = argv[i + 1];
     char* end = nullptr;
     errno = 0;
     const long parsed = std::strtol(text, &end, 10);
-    if (end == text || *end != '\0' || errno != 0 || parsed <= 0) return false;
+    if (end == text || *end != '\0' || errno != 0 || parsed <= 0 || parsed > limit) return false;
     value = parsed;
+    ++i;
     return true;
 }
 

@@ -34,6 +34,7 @@
 #include <atomic>
 #include <cerrno>
 #include <chrono>
+#include <climits>
 #include <condition_variable>
 #include <csignal>
 #include <cstdint>
@@ -54,8 +55,8 @@ using Clock = std::chrono::steady_clock;
 using BenchUtil::ErrnoText;
 using BenchUtil::Grouped;
 using BenchUtil::Milliseconds;
+using BenchUtil::NumberOption;
 using BenchUtil::OneLine;
-using BenchUtil::ParsePositive;
 using BenchUtil::StderrBeyondReady;
 using BenchUtil::TempDir;
 using Framework::UniqueFd;
@@ -122,12 +123,10 @@ bool ParseArguments(int argc, char** argv, Settings& settings) {
         if (argument == "--quick") {
             settings.files = 10000;
             settings.runs = 1;
-        } else if (argument == "--files" && i + 1 < argc && ParsePositive(argv[i + 1], value)) {
+        } else if (NumberOption(argc, argv, i, "--files", LONG_MAX, value)) {
             settings.files = value;
-            ++i;
-        } else if (argument == "--runs" && i + 1 < argc && ParsePositive(argv[i + 1], value) && value < 1000) {
+        } else if (NumberOption(argc, argv, i, "--runs", 999, value)) {
             settings.runs = static_cast<int>(value);
-            ++i;
         } else {
             return false;
         }

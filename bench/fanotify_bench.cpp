@@ -48,6 +48,7 @@
 #include <atomic>
 #include <cerrno>
 #include <chrono>
+#include <climits>
 #include <condition_variable>
 #include <csignal>
 #include <cstdint>
@@ -80,8 +81,8 @@ using Clock = std::chrono::steady_clock;
 using BenchUtil::ErrnoText;
 using BenchUtil::Grouped;
 using BenchUtil::Milliseconds;
+using BenchUtil::NumberOption;
 using BenchUtil::OneLine;
-using BenchUtil::ParsePositive;
 using BenchUtil::StderrBeyondReady;
 using BenchUtil::TempDir;
 using Framework::UniqueFd;
@@ -226,12 +227,10 @@ bool ParseArguments(int argc, char** argv, Settings& settings) {
             settings.runs = 3;
         } else if (argument == "--permit-only") {
             settings.permitOnly = true;
-        } else if (argument == "--opens" && i + 1 < argc && ParsePositive(argv[i + 1], value) && value <= 100000000) {
+        } else if (NumberOption(argc, argv, i, "--opens", 100000000, value)) {
             settings.opens = value;
-            ++i;
-        } else if (argument == "--runs" && i + 1 < argc && ParsePositive(argv[i + 1], value) && value < 1000) {
+        } else if (NumberOption(argc, argv, i, "--runs", 999, value)) {
             settings.runs = static_cast<int>(value);
-            ++i;
         } else {
             return false;
         }

@@ -87,6 +87,17 @@ void AppendJsonCharacter(std::string& out, char32_t c) {
     AppendUnicodeEscape(out, 0xDC00 + (offset & 0x3FF));
 }
 
+// Appends the bytes from i on that `plain` lets through as they are; returns
+// where that run ends.
+template <class Plain>
+std::size_t CopyPlainRun(std::string& out, std::string_view bytes, std::size_t i, Plain plain) {
+    std::size_t end = i;
+    while (end < bytes.size() && plain(static_cast<unsigned char>(bytes[end])))
+        ++end;
+    out.append(bytes.data() + i, end - i);
+    return end;
+}
+
 bool PlainInText(unsigned char c) {
     return c >= 0x20 && c < 0x7F && c != '\\';
 }
@@ -123,11 +134,7 @@ bool AppendJsonString(std::string& out, std::string_view bytes) {
     bool valid = true;
     std::size_t i = 0;
     while (i < size) {
-        std::size_t plain = i;
-        while (plain < size && PlainInJson(s[plain]))
-            ++plain;
-        out.append(bytes.data() + i, plain - i);
-        if ((i = plain) == size) break;
+        if ((i = CopyPlainRun(out, bytes, i, PlainInJson)) == size) break;
         char32_t c = 0;
         const std::size_t length = DecodeUtf8(s + i, size - i, c);
         if (length == 0) {
@@ -158,11 +165,7 @@ void AppendTextName(std::string& out, std::string_view bytes) {
     const std::size_t size = bytes.size();
     std::size_t i = 0;
     while (i < size) {
-        std::size_t plain = i;
-        while (plain < size && PlainInText(s[plain]))
-            ++plain;
-        out.append(bytes.data() + i, plain - i);
-        if ((i = plain) == size) break;
+        if ((i = CopyPlainRun(out, bytes, i, PlainInText)) == size) break;
         if (s[i] == '\\') {
             out += "\\\\";
             ++i;

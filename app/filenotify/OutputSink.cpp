@@ -29,13 +29,10 @@ OutputSink::OutputSink(const std::string& file, std::function<void()> onFailure,
 
 OutputSink::~OutputSink() {
     if (!_writer.joinable()) return;
-    Drain(kFinishOnExit);
-    {
-        std::lock_guard<std::mutex> lock(_state->mutex);
-        _state->stop = true;
-    }
-    _state->changed.notify_all();
+    // The writer ends once it has written what waits.
     std::unique_lock<std::mutex> lock(_state->mutex);
+    _state->stop = true;
+    _state->changed.notify_all();
     const bool done = _state->changed.wait_for(lock, kFinishOnExit, [this] { return _state->done; });
     lock.unlock();
     if (done) {

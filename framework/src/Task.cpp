@@ -119,11 +119,6 @@ void Task::ReportDrops(bool force) {
                      name(), _taskId, _capacity, static_cast<Poco::UInt64>(recent), static_cast<Poco::UInt64>(total)));
 }
 
-void Task::SetQueueWaterMarks(int high, int low) {
-    _highWater = static_cast<std::size_t>(std::clamp(high, 1, _capacity));
-    _lowWater = static_cast<std::size_t>(std::clamp(low, 0, static_cast<int>(_highWater) - 1));
-}
-
 void Task::AskDrainSignal(Task* sender) {
     {
         std::lock_guard<std::mutex> lock(_drainMutex);

@@ -128,12 +128,6 @@ public:
     // False when no live consumer is registered under (taskId, type).
     bool GetConsumerQueue(unsigned long taskId, const char* type, QueueState& state);
 
-    // The marks that TrySendMsg senders see on this task's queue: congested
-    // from `high` queued messages on, drained again at `low` or fewer.
-    // Clamped to 1 <= high <= capacity and 0 <= low < high. The defaults are
-    // three quarters and one quarter of the capacity. Set before use.
-    void SetQueueWaterMarks(int high, int low);
-
     // Sends msg like SendMsg and blocks until the consumer's thread has run
     // its MessageHandle: returns that result and copies the message's reply
     // string into response. `last` is the number of delivery attempts while
@@ -158,7 +152,6 @@ public:
     int GetQueueCapacity() const { return _capacity; }
     std::size_t GetQueuedMsgCount() const { return _queued.load(std::memory_order_relaxed); }
     std::uint64_t GetDroppedMsgCount() const { return _dropped.load(std::memory_order_relaxed); }
-    std::uint64_t GetTakenMsgCount() const { return _taken.load(std::memory_order_relaxed); }
 
     EventWaiter& GetEventWaiter() { return _waiter; }
     // The cancel flag is set before POCO's state (an atomic, readable from any thread).
@@ -205,8 +198,10 @@ private:
     std::atomic<long long> _lastDropLogTick{0};
     std::atomic<std::uint64_t> _droppedAtLastLog{0};
     std::atomic<bool> _cancelRequested{false};
-    std::size_t _highWater;
-    std::size_t _lowWater;
+    // What TrySendMsg senders see: congested from three quarters of the
+    // capacity on, drained again at a quarter.
+    const std::size_t _highWater;
+    const std::size_t _lowWater;
     std::atomic<bool> _drainWanted{false};
     std::atomic<bool> _drainSignal{false};
     std::mutex _drainMutex;

@@ -302,7 +302,7 @@ void FileFanotifyWatch::SendPermitWatchReport(int taskId, int wd, const std::str
     auto message = std::make_unique<FileNotifyMessage>(2, path, mask);
     message->SetWatchFile(wd, path);
     message->SetExtParm(extParm);
-    static_cast<FileNotifyTask*>(task)->GetFlowControl().Send(taskId, std::move(message), -1);
+    FlowControl().Send(taskId, std::move(message), -1);
 }
 
 void FileFanotifyWatch::ClearPermitWatch() {
@@ -332,11 +332,11 @@ void FileFanotifyWatch::SendOverflowMsg(const FileFanotify& group) {
         for (const auto& entry : permitWatchMap)
             taskIds.insert(entry.second->taskId);
     }
-    for (int taskId : taskIds) {
-        auto message = std::make_unique<FileNotifyMessage>(1, std::string(), FileNotifyMessage::kOverflowMask);
-        static_cast<FileNotifyTask*>(task)->GetFlowControl().Send(taskId, std::move(message),
-                                                                  notify ? group.GetFd() : -1);
-    }
+    FlowControl().SendOverflowReports(taskIds, 1, notify ? group.GetFd() : -1);
+}
+
+FileNotifyFlowControl& FileFanotifyWatch::FlowControl() {
+    return static_cast<FileNotifyTask*>(task)->GetFlowControl();
 }
 
 bool FileFanotifyWatch::HoldReader(int fd, bool held) {
@@ -398,7 +398,7 @@ int FileFanotifyWatch::SendEventMsg(Notify_WatchItem* watchItem, const std::stri
     // Only the notification group waits for a consumer that falls behind:
     // the permission group's events hold processes.
     const int reader = watchItem->fd == notifyFileFanotify->GetFd() ? watchItem->fd : -1;
-    static_cast<FileNotifyTask*>(task)->GetFlowControl().Send(watchItem->taskId, std::move(message), reader);
+    FlowControl().Send(watchItem->taskId, std::move(message), reader);
     return 0;
 }
 

@@ -19,6 +19,7 @@ class Task;
 
 namespace Engine {
 
+class FileNotifyFlowControl;
 class FileNotifyTask;
 
 // A permit watch and the object it marks, held open (O_PATH). The kernel's
@@ -114,14 +115,15 @@ public:
     // (never longer than kPermitTimeoutMs); isAllow is false only when its
     // deny reached the kernel in time. Always 0.
     int SendSyncEventMsg(Notify_WatchItem* watchItem, int wd, const std::string& eventFile, unsigned int mask,
-                         unsigned int pid, bool& isAllow, std::chrono::steady_clock::time_point deadline,
-                         int eventFd);
+                         unsigned int pid, bool& isAllow, std::chrono::steady_clock::time_point deadline, int eventFd);
 
     const FileNotifyWatchData& GetWatchData() const { return notifyWatchData; }
 
 private:
     void LogUnavailable() const;
     void SendOverflowMsg(const FileFanotify& group);
+    // Where event messages go: the owning task's.
+    FileNotifyFlowControl& FlowControl();
     PermitWatchItem* FindPermitWatchByIdentity(const std::string& eventFile, int eventFd) const;
     void NoteMovedPermitWatch(const std::string& path, PermitWatchItem& record);
 

@@ -119,7 +119,6 @@ public:
     // A held instance reads nothing more (its events wait in the kernel's
     // queue) and its descriptor is not reported ready, until released.
     void SetHeld(bool held);
-    bool IsHeld() const { return _held; }
 
     // Registers the descriptor with the task's event waiter; callback becomes
     // owned by the registration. 0, or the waiter's error code.

@@ -253,9 +253,7 @@ int FileInotifyWatch::SendEventMsg(const _EventItem* eventItem) {
         if (eventItem->isMoveEvent) message->SetMoveEvent(eventItem->movetoFile);
         message->SetWatchFile(eventItem->wd, record->filePath);
         message->SetExtParm(record->opt.extParm);
-        static_cast<FileNotifyTask*>(notifyTask)
-            ->GetFlowControl()
-            .Send(record->taskId, std::move(message), eventItem->fd);
+        FlowControl().Send(record->taskId, std::move(message), eventItem->fd);
     }
     return 0;
 }
@@ -263,11 +261,12 @@ int FileInotifyWatch::SendEventMsg(const _EventItem* eventItem) {
 int FileInotifyWatch::SendOverflowMsg(int fd) {
     std::set<int> taskIds;
     notifyWatchData.GetTaskIdSet(fd, taskIds);
-    for (int taskId : taskIds) {
-        auto message = std::make_unique<FileNotifyMessage>(0, std::string(), FileNotifyMessage::kOverflowMask);
-        static_cast<FileNotifyTask*>(notifyTask)->GetFlowControl().Send(taskId, std::move(message), fd);
-    }
+    FlowControl().SendOverflowReports(taskIds, 0, fd);
     return 0;
+}
+
+FileNotifyFlowControl& FileInotifyWatch::FlowControl() {
+    return static_cast<FileNotifyTask*>(notifyTask)->GetFlowControl();
 }
 
 bool FileInotifyWatch::HoldReader(int fd, bool held) {

@@ -15,6 +15,7 @@ class Task;
 
 namespace Engine {
 
+class FileNotifyFlowControl;
 class FileNotifyTask;
 
 // The module's manager of inotify watches. Owns two instances, one for
@@ -87,6 +88,9 @@ public:
     const FileNotifyWatchData& GetWatchData() const { return notifyWatchData; }
 
 private:
+    // Where event messages go: the owning task's.
+    FileNotifyFlowControl& FlowControl();
+
     FileNotifyLimit fileNotifyLimit;
     std::unique_ptr<FileInotify> singleFileInotify;
     std::unique_ptr<FileInotify> fullFileInotify;

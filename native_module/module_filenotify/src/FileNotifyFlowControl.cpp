@@ -20,7 +20,6 @@ void FileNotifyFlowControl::Send(int taskId, std::unique_ptr<Framework::Message>
         Consumer& consumer = found->second;
         if (consumer.stalled) {
             ++consumer.lost;
-            ++_dropped;
             return;
         }
         // Behind the ones already waiting: order is kept.
@@ -36,6 +35,22 @@ void FileNotifyFlowControl::Send(int taskId, std::unique_ptr<Framework::Message>
     Consumer& consumer = Congested(taskId);
     if (message) consumer.waiting.push_back(std::move(message));
     Hold(consumer, reader);
+}
+
+namespace {
+
+// lost 0: the kernel's queue overflowed, the number is unknown.
+std::unique_ptr<FileNotifyMessage> LossReport(int notifyType, unsigned long long lost) {
+    auto report = std::make_unique<FileNotifyMessage>(notifyType, std::string(), FileNotifyMessage::kOverflowMask);
+    report->SetLostCount(lost);
+    return report;
+}
+
+}  // namespace
+
+void FileNotifyFlowControl::SendOverflowReports(const std::set<int>& taskIds, int notifyType, int reader) {
+    for (int taskId : taskIds)
+        Send(taskId, LossReport(notifyType, 0), reader);
 }
 
 void FileNotifyFlowControl::CountUnwoken(int taskId) {
@@ -119,9 +134,7 @@ bool FileNotifyFlowControl::Resume(int taskId, Consumer& consumer) {
     if (consumer.stalled) {
         FN_LOG(LOG_WARNING, "consumer task %d reads again: %Lu events meant for it were dropped", taskId,
                static_cast<Poco::UInt64>(consumer.lost));
-        auto report = std::make_unique<FileNotifyMessage>(0, std::string(), FileNotifyMessage::kOverflowMask);
-        report->SetLostCount(consumer.lost);
-        consumer.waiting.push_front(std::move(report));
+        consumer.waiting.push_front(LossReport(0, consumer.lost));
         consumer.stalled = false;
         consumer.lost = 0;
     }
@@ -149,7 +162,6 @@ void FileNotifyFlowControl::Stall(int taskId, Consumer& consumer) {
            taskId, static_cast<int>(kStallLimit.count()));
     consumer.stalled = true;
     consumer.lost += consumer.waiting.size();
-    _dropped += consumer.waiting.size();
     consumer.waiting.clear();
     ReleaseAll(consumer);
 }

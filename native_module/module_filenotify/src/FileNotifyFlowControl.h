@@ -62,9 +62,10 @@ public:
     // for every kWakeBatch of them and by WakeConsumers, which the reader's
     // callback calls when it is done.
     void Send(int taskId, std::unique_ptr<Framework::Message> message, int reader);
+    // One report of an overflow of the kernel's queue (kOverflowMask, no
+    // count) to each of taskIds, as Send.
+    void SendOverflowReports(const std::set<int>& taskIds, int notifyType, int reader);
     void WakeConsumers();
-    bool IsHeld(int reader) const { return _holds.count(reader) != 0; }
-    bool IsCongested() const { return !_consumers.empty(); }
     // Whether Service has work now: a drain was signalled, or a congested
     // consumer's progress is due to be looked at.
     bool IsServiceDue(bool drainSignalled) const;
@@ -74,8 +75,6 @@ public:
     // Moves waiting messages on to consumers that have drained, releases the
     // readers they held, and gives up on consumers that stalled.
     void Service();
-    // Events dropped for stalled consumers since the start.
-    std::uint64_t GetDroppedCount() const { return _dropped; }
 
 private:
     struct Consumer {
@@ -104,7 +103,6 @@ private:
     std::map<int, int> _holds;                  // reader -> how many consumers hold it
     std::vector<std::pair<int, int>> _unwoken;  // (task id, messages queued since its last wake-up)
     Clock::time_point _nextCheck;
-    std::uint64_t _dropped = 0;
 };
 
 }  // namespace Engine
