@@ -13,6 +13,7 @@
 #include <mutex>
 #include <string>
 #include <thread>
+#include <utility>
 #include <vector>
 
 #include <gtest/gtest.h>
@@ -199,6 +200,58 @@ TEST_F(FanotifyTaskTest, VerdictOfTheConsumerDecides) {
         judge->verdict = verdict;
         EXPECT_EQ(0, OpenFromChild(dir / "file")) << "verdict " << verdict;
     }
+}
+
+// Holds the thread that handles it until the gate opens.
+class GateMessage : public Framework::Message {
+public:
+    GateMessage(std::promise<void>& entered, std::shared_future<void> gate)
+        : Framework::Message("gate"), _entered(entered), _gate(std::move(gate)) {}
+    int MessageHandle(void*) override {
+        _entered.set_value();
+        _gate.wait();
+        return 0;
+    }
+
+private:
+    std::promise<void>& _entered;
+    std::shared_future<void> _gate;
+};
+
+// The permission reader asks the consumer itself, so a verdict does not wait
+// for a busy module thread; at debug priority the module thread asks, to log
+// each step, and a busy one lets the deadline allow the access.
+TEST_F(FanotifyTaskTest, VerdictsNeedNoModuleThreadUnlessItLogsEachStep) {
+    TestUtil::Touch(dir / "file");
+    Register(*judge);
+    Guard(judge->GetTaskId(), dir.path());
+    ASSERT_EQ(0, judgeRunner.Start());
+    ASSERT_EQ(0, taskRunner.Start());
+    judge->verdict = 2;
+    std::promise<void> entered;
+    std::promise<void> gate;
+    bool opened = false;
+    const auto openGate = [&] {
+        if (!std::exchange(opened, true)) gate.set_value();
+    };
+    TestUtil::AtScopeEnd atEnd(openGate);
+    ASSERT_EQ(0, task->EnqueueMsg(new GateMessage(entered, gate.get_future().share())));
+    ASSERT_EQ(std::future_status::ready, entered.get_future().wait_for(std::chrono::seconds(5)));
+
+    TestUtil::LogCapture log(Engine::FileNotifyUtils::GetLoggerPtr());
+    Engine::FileNotifyUtils::GetLoggerPtr()->setLevel(Poco::Message::PRIO_INFORMATION);
+    EXPECT_EQ(EPERM, OpenFromChild(dir / "file"));
+    EXPECT_EQ(1u, judge->Count());
+
+    Engine::FileNotifyUtils::GetLoggerPtr()->setLevel(Poco::Message::PRIO_DEBUG);
+    OpeningChild late(dir / "file");
+    ASSERT_TRUE(late.Wait(milliseconds(5000)));
+    EXPECT_EQ(0, late.result());
+    openGate();
+    const std::string allowed =
+        "no time left to ask about the access of pid=" + std::to_string(late.pid()) + ": allowed";
+    EXPECT_TRUE(TestUtil::WaitUntil([&] { return log.Has(LOG_DEBUG, allowed); })) << log.Dump();
+    EXPECT_EQ(1u, judge->Count());
 }
 
 // The guard follows its folder through a rename; when the folder is

@@ -72,10 +72,14 @@ void FileFanotify::Finalize() noexcept {
     event.reset();
     _reader.reset();
     if (_book) _book->AllowAll(true);
-    for (const auto& handed : _answers) {
+    std::vector<std::weak_ptr<FileNotifyPermitAnswer>> answers;
+    {
+        std::lock_guard<std::mutex> lock(_answersMutex);
+        answers.swap(_answers);
+    }
+    for (const auto& handed : answers) {
         if (auto answer = handed.lock()) answer->Detach();
     }
-    _answers.clear();
     if (::close(_fd) == 0) {
         _fd = -1;
     } else {
@@ -130,7 +134,7 @@ int FileFanotify::AddEventWatch(Framework::Task* task, EventHandler handler) {
     if (_fd < 0) return 1;  // the refused Initialize has said why
     if (block && !_reader) {
         auto book = std::make_shared<FileFanotifyPermitBook>(_fd);
-        auto reader = std::make_unique<FileFanotifyPermitReader>(_fd, book);
+        auto reader = std::make_unique<FileFanotifyPermitReader>(_fd, book, _dispatch);
         const int result = reader->Start();
         if (result == 0) {
             _book = std::move(book);
@@ -257,7 +261,10 @@ std::chrono::steady_clock::time_point FileFanotify::DeadlineOf(int eventFd) cons
 }
 
 std::shared_ptr<FileNotifyPermitAnswer> FileFanotify::NewAnswer(int eventFd) {
-    const std::uint64_t ticket = TicketOf(eventFd);
+    return NewTicketAnswer(TicketOf(eventFd));
+}
+
+std::shared_ptr<FileNotifyPermitAnswer> FileFanotify::NewTicketAnswer(std::uint64_t ticket) {
     FileNotifyPermitAnswer::Writer writer;
     if (ticket != 0) {
         writer = [book = _book, ticket](bool allow) { return book->Answer(ticket, allow); };
@@ -266,6 +273,7 @@ std::shared_ptr<FileNotifyPermitAnswer> FileFanotify::NewAnswer(int eventFd) {
         writer = [](bool) { return true; };
     }
     auto answer = FileNotifyPermitAnswer::Create(std::move(writer));
+    std::lock_guard<std::mutex> lock(_answersMutex);
     _answers.erase(std::remove_if(_answers.begin(), _answers.end(), [](const auto& a) { return a.expired(); }),
                    _answers.end());
     _answers.push_back(answer);

@@ -4,7 +4,9 @@
 
 #include <chrono>
 #include <cstdint>
+#include <functional>
 #include <memory>
+#include <mutex>
 #include <utility>
 #include <vector>
 
@@ -62,6 +64,10 @@ public:
     int AddWatch(const char* path, unsigned int mask, const _FileNotifyOpt& opt);
     int RemoveWatch(const char* path, unsigned int mask, const _FileNotifyOpt& opt);
 
+    // For a permission group, before AddEventWatch: what its reader tries
+    // first with each permission event (see FileFanotifyPermitReader).
+    using PermitDispatch = std::function<bool(const struct fanotify_event_metadata& event, std::uint64_t ticket)>;
+    void SetPermitDispatch(PermitDispatch dispatch) { _dispatch = std::move(dispatch); }
     // Registers the group with the task's event waiter, once; a permission
     // group starts its reader first. 0, or the framework's error code.
     int AddEventWatch(Framework::Task* task, EventHandler handler);
@@ -78,6 +84,9 @@ public:
     // nothing).
     std::chrono::steady_clock::time_point DeadlineOf(int eventFd) const;
     std::shared_ptr<FileNotifyPermitAnswer> NewAnswer(int eventFd);
+    // Any thread: the answer object of the event of a ticket of the book
+    // (0: no ticket, the task answers).
+    std::shared_ptr<FileNotifyPermitAnswer> NewTicketAnswer(std::uint64_t ticket);
     // Any thread: allows every access still waiting (a stop has begun).
     void AllowWaiting();
 
@@ -105,8 +114,10 @@ private:
     std::vector<std::pair<int, std::uint64_t>> _batchTickets;  // (descriptor, ticket) of the batch in hand
     std::chrono::steady_clock::time_point _batchReadAt;
     std::uint64_t _refused = 0;
+    PermitDispatch _dispatch;
     // Answers handed to consumers: detached at Finalize, before the module's
     // code can be unloaded under them.
+    std::mutex _answersMutex;
     std::vector<std::weak_ptr<FileNotifyPermitAnswer>> _answers;
     std::chrono::steady_clock::time_point _refusedLogged;
     int _initError = 0;

@@ -38,8 +38,9 @@ void WriteAll(int fd, const void* data, std::size_t size) {
 
 }  // namespace
 
-FileFanotifyPermitReader::FileFanotifyPermitReader(int fanotifyFd, std::shared_ptr<FileFanotifyPermitBook> book)
-    : _fanotifyFd(fanotifyFd), _book(std::move(book)) {}
+FileFanotifyPermitReader::FileFanotifyPermitReader(int fanotifyFd, std::shared_ptr<FileFanotifyPermitBook> book,
+                                                   Dispatch dispatch)
+    : _fanotifyFd(fanotifyFd), _book(std::move(book)), _dispatch(std::move(dispatch)) {}
 
 FileFanotifyPermitReader::~FileFanotifyPermitReader() {
     Stop();
@@ -132,6 +133,10 @@ void FileFanotifyPermitReader::Sort(const char* data, std::size_t length) {
         std::uint64_t ticket = 0;
         // A full book allowed it at once: nothing is left to hand over.
         if (permission && (ticket = _book->Add(header.fd, now)) == 0) continue;
+        if (ticket != 0 && _dispatch && _dispatch(header, ticket)) {
+            _book->Release(ticket);
+            continue;
+        }
         forward.insert(forward.end(), data + at, data + at + header.event_len);
         tickets.push_back(ticket);
     }

@@ -3,6 +3,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <deque>
+#include <functional>
 #include <memory>
 #include <mutex>
 #include <thread>
@@ -10,6 +11,8 @@
 #include <vector>
 
 #include "framework/UniqueFd.h"
+
+struct fanotify_event_metadata;
 
 namespace Engine {
 
@@ -24,8 +27,9 @@ class FileFanotifyPermitBook;
 // configuration), or waits for a consumer that opens the file it is judging,
 // nobody would answer: the agent would hang, and with it every process that
 // touches the guarded files. This reader answers FAN_ALLOW at once to every
-// permission event of the agent's own process and hands all other records,
-// unchanged, to the module task, which wakes on GetReadyFd. Every other
+// permission event of the agent's own process, offers every other
+// permission event to its dispatch (which may ask the consumer itself), and
+// hands the rest, unchanged, to the module task, which wakes on GetReadyFd. Every other
 // permission event goes into the book with its deadline, and this thread
 // allows whatever is still unanswered when the deadline comes, however busy
 // the module task is.
@@ -37,9 +41,13 @@ class FileFanotifyPermitReader {
 public:
     // (descriptor, ticket in the book) of one permission event handed over.
     using Ticket = std::pair<int, std::uint64_t>;
+    // Tried first for each permission event in the book, on this thread;
+    // true when it took care of the event (it must not log or block).
+    using Dispatch = std::function<bool(const struct fanotify_event_metadata& event, std::uint64_t ticket)>;
 
     // fanotifyFd: the permission group; not owned, and open until Stop.
-    FileFanotifyPermitReader(int fanotifyFd, std::shared_ptr<FileFanotifyPermitBook> book);
+    // dispatch may be empty: then every event is handed to the module task.
+    FileFanotifyPermitReader(int fanotifyFd, std::shared_ptr<FileFanotifyPermitBook> book, Dispatch dispatch = {});
     ~FileFanotifyPermitReader();
     FileFanotifyPermitReader(const FileFanotifyPermitReader&) = delete;
     FileFanotifyPermitReader& operator=(const FileFanotifyPermitReader&) = delete;
@@ -67,6 +75,7 @@ private:
 
     const int _fanotifyFd;
     const std::shared_ptr<FileFanotifyPermitBook> _book;
+    const Dispatch _dispatch;
     Framework::UniqueFd _ready;  // eventfd: records are waiting
     Framework::UniqueFd _stop;   // eventfd: the thread must end
     std::thread _thread;

@@ -19,13 +19,6 @@ namespace Engine {
 
 namespace {
 
-std::string ExePathOf(unsigned int pid) {
-    std::string exePath;
-    bool deleted = false;
-    if (pid != 0) SDK::ProcessUtils::GetProcessExePath(pid, exePath, deleted);
-    return exePath;
-}
-
 // stat, or lstat when the mark does not follow a link at path.
 bool StatAsMarked(const std::string& path, const _FileNotifyOpt& opt, struct stat& status) {
     return (opt.watchSymLink ? ::stat(path.c_str(), &status) : ::lstat(path.c_str(), &status)) == 0;
@@ -33,14 +26,6 @@ bool StatAsMarked(const std::string& path, const _FileNotifyOpt& opt, struct sta
 
 bool IsObjectOf(const struct stat& status, const PermitWatchItem& record) {
     return status.st_dev == record.dev && status.st_ino == record.ino;
-}
-
-// The folder part of an event path ("/a/b/" gives "/a"); empty for none.
-std::string ParentOf(const std::string& path) {
-    const std::size_t end = path.size() > 1 && path.back() == '/' ? path.size() - 1 : path.size();
-    const std::size_t slash = path.rfind('/', end - 1);
-    if (slash == std::string::npos) return std::string();
-    return slash == 0 ? std::string("/") : path.substr(0, slash);
 }
 
 // A path that reaches the record's object: its own path while that still
@@ -89,6 +74,17 @@ void FileFanotifyWatch::LogUnavailable() const {
 
 int FileFanotifyWatch::AddEventsWatch(Framework::Task* notifyTask, EventHandler handler) {
     task = notifyTask;
+    if (!permitRouter) {
+        permitRouter = std::make_unique<FileFanotifyPermitRouter>(
+            notifyTask, [group = permitFileFanotify.get()](std::uint64_t ticket) {
+                return group->NewTicketAnswer(ticket);
+            });
+        permitFileFanotify->SetPermitDispatch(
+            [router = permitRouter.get()](const fanotify_event_metadata& event, std::uint64_t ticket) {
+                return router->Dispatch(event, ticket);
+            });
+        PublishRoutes();
+    }
     notifyFileFanotify->AddEventWatch(notifyTask, handler);
     permitFileFanotify->AddEventWatch(notifyTask, handler);
     // The permission group wakes the task through its reader's descriptor.
@@ -201,6 +197,7 @@ int FileFanotifyWatch::AddPermitWatch(int taskId, const std::string& filePath, u
     record->opt.watchChildFolder = opt.watchChildFolder;
     record->opt.wholeMount = opt.wholeMount;
     wd = newWd;
+    PublishRoutes();
     return 0;
 }
 
@@ -219,40 +216,24 @@ int FileFanotifyWatch::RemovePermitWatch(int /*taskId*/, const std::string& file
         return result;
     }
     permitWatchMap.erase(found);
+    PublishRoutes();
     return 0;
 }
 
 Notify_WatchItem* FileFanotifyWatch::GetPermitWatchItem(const std::string& eventFile, int eventFd) {
-    if (eventFile.empty()) return nullptr;
-    // By identity first: the mark follows its folder, the path does not.
-    if (PermitWatchItem* record = FindPermitWatchByIdentity(eventFile, eventFd)) return record;
-    for (const auto& [path, record] : permitWatchMap) {
-        FN_CPU_YIELD();
-        // A prefix either way, separators not considered: an opened folder
-        // above a watched path is covered too.
-        const bool covered = eventFile.size() >= path.size() ? FileNotifyUtils::HasPrefix(eventFile, path)
-                                                             : FileNotifyUtils::HasPrefix(path, eventFile);
-        if (covered) return record.get();
-    }
-    return nullptr;
+    FN_CPU_YIELD();
+    const auto* route = FileFanotifyPermitRouter::Match(permitRoutes, eventFile, eventFd);
+    if (route == nullptr) return nullptr;
+    const auto found = permitWatchMap.find(route->filePath);
+    return found != permitWatchMap.end() ? found->second.get() : nullptr;
 }
 
-PermitWatchItem* FileFanotifyWatch::FindPermitWatchByIdentity(const std::string& eventFile, int eventFd) const {
-    if (permitWatchMap.empty()) return nullptr;
-    const auto find = [this](const struct stat& status) -> PermitWatchItem* {
-        for (const auto& entry : permitWatchMap) {
-            if (IsObjectOf(status, *entry.second)) return entry.second.get();
-        }
-        return nullptr;
-    };
-    struct stat status {};
-    const std::string parent = ParentOf(eventFile);
-    if (!parent.empty() && ::stat(parent.c_str(), &status) == 0) {
-        if (PermitWatchItem* record = find(status)) return record;
+void FileFanotifyWatch::PublishRoutes() {
+    permitRoutes.clear();
+    for (const auto& [path, record] : permitWatchMap) {
+        if (record) permitRoutes.push_back({path, record->dev, record->ino, record->taskId, record->wd, record->opt.extParm});
     }
-    // A watch on the file itself.
-    const int statted = eventFd >= 0 ? ::fstat(eventFd, &status) : ::lstat(eventFile.c_str(), &status);
-    return statted == 0 ? find(status) : nullptr;
+    if (permitRouter) permitRouter->Publish(permitRoutes);
 }
 
 void FileFanotifyWatch::CheckPermitWatches() {
@@ -276,6 +257,7 @@ void FileFanotifyWatch::CheckPermitWatches() {
         const unsigned int mask = record.mask;
         const _FileNotifyOpt opt = record.requestOpt;
         it = permitWatchMap.erase(it);
+        PublishRoutes();
         SendPermitWatchReport(taskId, wd, path, FileNotifyMessage::kPermitWatchLostMask, opt.extParm);
         if (task != nullptr) static_cast<FileNotifyTask*>(task)->AddPendingWatch(taskId, path, mask, opt, 2);
     }
@@ -307,6 +289,7 @@ void FileFanotifyWatch::SendPermitWatchReport(int taskId, int wd, const std::str
 
 void FileFanotifyWatch::ClearPermitWatch() {
     permitWatchMap.clear();
+    PublishRoutes();
 }
 
 int FileFanotifyWatch::ReadEvents(int fd, char* buffer, int size) {
@@ -391,7 +374,7 @@ int FileFanotifyWatch::SendEventMsg(Notify_WatchItem* watchItem, const std::stri
                                     unsigned int pid, int eventFd) {
     if (task == nullptr) return 0;
     auto message = std::make_unique<FileNotifyMessage>(1, eventFile, mask);
-    message->SetProcess(pid, ExePathOf(pid));
+    message->SetProcess(pid, FileNotifyUtils::GetExePath(pid));
     message->SetWatchFile(watchItem->wd, watchItem->filePath);
     message->SetExtParm(watchItem->opt.extParm);
     if (watchItem->opt.fillStat) message->Stat(eventFd);
@@ -454,10 +437,11 @@ int FileFanotifyWatch::SendSyncEventMsg(Notify_WatchItem* watchItem, int /*wd*/,
                                         std::chrono::steady_clock::time_point deadline, int eventFd) {
     isAllow = true;
     if (task == nullptr) return 0;
-    auto* message = new FileNotifyMessage(2, eventFile, mask);
-    message->SetProcess(pid, ExePathOf(pid));
-    message->SetWatchFile(watchItem->wd, watchItem->filePath);
-    message->SetExtParm(watchItem->opt.extParm);
+    FileFanotifyPermitRouter::Route route;
+    route.filePath = watchItem->filePath;
+    route.wd = watchItem->wd;
+    route.extParm = watchItem->opt.extParm;
+    auto* message = FileFanotifyPermitRouter::NewRequest(route, eventFile, mask, pid).release();
     // The consumer's verdict goes to the kernel from the consumer's thread;
     // whoever is late, the answer tells the consumer what the kernel got.
     auto answer = permitFileFanotify->NewAnswer(eventFd);

@@ -9,6 +9,7 @@
 #include <string>
 
 #include "FileFanotify.h"
+#include "FileFanotifyPermitRouter.h"
 #include "FileNotifyOpt.h"
 #include "FileNotifyWatchData.h"
 #include "framework/UniqueFd.h"
@@ -77,8 +78,6 @@ public:
     int AddPermitWatch(int taskId, const std::string& filePath, unsigned int mask, const _FileNotifyOpt& opt, int& wd);
     // By path; any task may remove it.
     int RemovePermitWatch(int taskId, const std::string& filePath);
-    // The first record, in path order, whose path is a prefix of eventFile
-    // or has eventFile as its prefix; null when none.
     // The first record, in path order, whose marked object is the event
     // file's folder or the file itself (eventFd, when given, is the event's
     // descriptor), wherever it has moved; else, as the fallback for
@@ -124,13 +123,18 @@ private:
     void SendOverflowMsg(const FileFanotify& group);
     // Where event messages go: the owning task's.
     FileNotifyFlowControl& FlowControl();
-    PermitWatchItem* FindPermitWatchByIdentity(const std::string& eventFile, int eventFd) const;
+    // After every change of permitWatchMap: the routes the reader and the
+    // lookups match against.
+    void PublishRoutes();
     void NoteMovedPermitWatch(const std::string& path, PermitWatchItem& record);
 
+    // First, so it outlives the permission group's reader that calls it.
+    std::unique_ptr<FileFanotifyPermitRouter> permitRouter;
     std::unique_ptr<FileFanotify> notifyFileFanotify;
     std::unique_ptr<FileFanotify> permitFileFanotify;
     std::map<int, FileFanotify*> fanotifyMap;
     std::map<std::string, std::unique_ptr<PermitWatchItem>> permitWatchMap;
+    FileFanotifyPermitRouter::Routes permitRoutes;  // permitWatchMap's, in its order
     FileNotifyWatchData notifyWatchData;
     Framework::Task* task = nullptr;
     int nextWd = kFirstWatchId;

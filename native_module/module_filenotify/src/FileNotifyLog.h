@@ -19,14 +19,20 @@ enum LogPriority : int {
     LOG_DEBUG = Poco::Message::PRIO_DEBUG,              // 7
 };
 
+// True when the module logger writes records of this priority.
+inline bool LogAdmits(int priority) noexcept {
+    Poco::Logger* logger = FileNotifyUtils::GetLoggerPtr();
+    return logger != nullptr && logger->is(priority);
+}
+
 // Writes one record to the module logger. The text is formatted only when
 // the logger admits the priority; nothing thrown while formatting or writing
 // leaves this function (a record that cannot be built is dropped).
 template <typename... Args>
 void WriteLog(int priority, const char* file, int line, const char* format, Args&&... args) noexcept {
     try {
+        if (!LogAdmits(priority)) return;
         Poco::Logger* logger = FileNotifyUtils::GetLoggerPtr();
-        if (logger == nullptr || !logger->is(priority)) return;
         std::string text;
         if constexpr (sizeof...(Args) == 0) {
             text = format;

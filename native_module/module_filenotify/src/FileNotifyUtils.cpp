@@ -12,6 +12,8 @@
 
 #include <Poco/Logger.h>
 
+#include "sdk/ProcessUtils.h"
+
 #include "CpuYield.h"
 #include "FileNotifyLog.h"
 #include "sdk/FileUtils.h"
@@ -167,6 +169,21 @@ int FileNotifyUtils::TraverseSubFolder(const std::string& folder, std::vector<st
     return 0;
 }
 
+std::string FileNotifyUtils::GetExePath(unsigned int pid) {
+    std::string exePath;
+    bool deleted = false;
+    if (pid != 0) SDK::ProcessUtils::GetProcessExePath(pid, exePath, deleted);
+    return exePath;
+}
+
+bool FileNotifyUtils::ReadPathOfFd(int fd, std::string& out) {
+    if (fd < 1 || !ReadLinkTarget("/proc/self/fd/" + std::to_string(fd), out)) return false;
+    // fstat, not stat of the path: no walk of the path, no race with a rename.
+    struct stat status {};
+    if (!out.empty() && out.back() != '/' && ::fstat(fd, &status) == 0 && S_ISDIR(status.st_mode)) out += '/';
+    return true;
+}
+
 int FileNotifyUtils::GetFilePathByFd(int fd, std::string& out) {
     // Descriptor 0 is refused too: no event or watch descriptor of the module
     // can be standard input.
@@ -174,16 +191,10 @@ int FileNotifyUtils::GetFilePathByFd(int fd, std::string& out) {
         FN_LOG(LOG_ERROR, "Invalid FD %d", fd);
         return 1;
     }
-    const std::string procPath = "/proc/self/fd/" + std::to_string(fd);
-    std::string target;
-    if (!ReadLinkTarget(procPath, target)) {
+    if (!ReadPathOfFd(fd, out)) {
         const int error = errno;
-        FN_LOG(LOG_ERROR, "Failed to call  readlink for %s, errno=%d", procPath, error);
+        FN_LOG(LOG_ERROR, "Failed to call  readlink for %s, errno=%d", "/proc/self/fd/" + std::to_string(fd), error);
         return 1;
-    }
-    out = target;
-    if (out.empty() || out.back() != '/') {
-        if (SDK::DirUtils::IsDir(out)) out += '/';
     }
     return 0;
 }

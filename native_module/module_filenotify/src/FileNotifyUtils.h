@@ -70,6 +70,11 @@ public:
     // The path behind an open descriptor (/proc/self/fd), with "/" appended
     // for a folder. Returns 0, or 1 for fd < 1 or an unreadable link.
     static int GetFilePathByFd(int fd, std::string& out);
+    // The executable of process pid, empty when unknown or pid is 0.
+    static std::string GetExePath(unsigned int pid);
+    // The same without a log record (for threads that must not log); false
+    // for fd < 1 or an unreadable link, with errno kept.
+    static bool ReadPathOfFd(int fd, std::string& out);
 };
 
 }  // namespace Engine
