@@ -28,6 +28,8 @@ public:
         _runner.Stop();
     }
     Consumer& consumer() { return *_consumer; }
+    // Stops the module's tasks; the consumer goes on.
+    void StopModule() { _host.Stop(); }
     // Sends request synchronously to the module; its result, reply the watch id.
     int Send(Framework::Message* request, std::string& reply, long timeoutMs = 5000) {
         return _consumer->SyncSendMsg(static_cast<unsigned long>(_moduleId), "f", request, reply, timeoutMs, 1);

@@ -18,13 +18,19 @@
 // median us per open over the rounds, the median of its extra us per open
 // over the same round's "none", and that extra divided by the plain one.
 //
-// BM_NotifyDelivery (Google Benchmark, after the table): create, write and
+// Held accesses, next: eight children open one guarded file at once while
+// the module's consumer never answers; per round the wait of the slowest
+// open (each is allowed at its deadline, a second after it was read), then
+// in a new session the time from the module's stop to the return of the
+// last of eight held opens.
+//
+// BM_NotifyDelivery (Google Benchmark, after the tables): create, write and
 // close of 100,000 distinct files, to the last close-write at a consumer of
 // the module (with pid and exe) or at a read loop that only counts.
 //
 //   fanotify_bench [--quick] [--opens N] [--runs N] [--permit-only] [--benchmark_...]
 //     --quick        10,000 opens and 3 rounds, for trying it out
-//     --permit-only  the guarded opens alone
+//     --permit-only  the guarded opens and held accesses alone
 //
 // Needs CAP_SYS_ADMIN. Marks only its own folders under /dev/shm. Opens under
 // a permission mark come from a child: the module and the plain responder
@@ -236,6 +242,12 @@ bool ParseArguments(int argc, char** argv, Settings& settings) {
         }
     }
     return true;
+}
+
+double Median(std::vector<double> values) {
+    std::sort(values.begin(), values.end());
+    const std::size_t middle = values.size() / 2;
+    return values.size() % 2 != 0 ? values[middle] : (values[middle - 1] + values[middle]) / 2;
 }
 
 struct OpenLoop {
@@ -692,12 +704,6 @@ private:
         return loop;
     }
 
-    static double Median(std::vector<double> values) {
-        std::sort(values.begin(), values.end());
-        const std::size_t middle = values.size() / 2;
-        return values.size() % 2 != 0 ? values[middle] : (values[middle - 1] + values[middle]) / 2;
-    }
-
     void PrintTable(const Checker* checkers, const bool* enabled, const std::vector<Run>* runs) const {
         // Extra per open: the checker's run less "none" of the same round, so a
         // round's drift cancels out.
@@ -742,6 +748,213 @@ private:
     const TempDir _dir;
     const std::string _file;
     Session _session;  // after _dir: its marks go before the folder
+};
+
+// ---- held accesses ---------------------------------------------------------
+
+// Asked, it answers nothing until released: a consumer that hangs.
+class SilentConsumer : public Engine::MixedTask {
+public:
+    SilentConsumer() : Engine::MixedTask("bench_silent", "bench", Framework::TaskCondition::TASK_TYPE_EVENT, 1024) {}
+    // One message at a time: the others wait in the queue, where they count.
+    int Run() override { return ServeMessages(3000, 1); }
+    int FileNotifyMessageAction(Engine::FileNotifyMessage* /*msg*/) override {
+        asked.fetch_add(1);
+        std::unique_lock<std::mutex> lock(_mutex);
+        _cond.wait(lock, [this] { return _released; });
+        return 2;  // a deny, always too late
+    }
+    void Release() {
+        {
+            std::lock_guard<std::mutex> lock(_mutex);
+            _released = true;
+        }
+        _cond.notify_all();
+    }
+    std::atomic<int> asked{0};
+
+protected:
+    ~SilentConsumer() override = default;
+
+private:
+    std::mutex _mutex;
+    std::condition_variable _cond;
+    bool _released = false;
+};
+
+// kHeldOpeners children that open one file at the same moment; each reports
+// the CLOCK_MONOTONIC times around its open. Fork without exec: the children
+// call only async-signal-safe functions.
+class Openers {
+public:
+    struct Times {
+        long long start = 0, end = 0;  // ns
+        int error = 0;
+    };
+    static constexpr int kCount = 8;
+
+    explicit Openers(const std::string& path) {
+        int go[2], out[2];
+        if (::pipe2(go, O_CLOEXEC) != 0) return;
+        if (::pipe2(out, O_CLOEXEC) != 0) {
+            ::close(go[0]);
+            ::close(go[1]);
+            return;
+        }
+        _go = UniqueFd(go[1]);
+        _results = UniqueFd(out[0]);
+        for (int i = 0; i < kCount; ++i) {
+            const pid_t pid = ::fork();
+            if (pid == 0) {
+                // Only the parent may hold the write end: its close is the signal.
+                ::close(go[1]);
+                Open(path.c_str(), go[0], out[1]);
+            }
+            if (pid > 0) _pids.push_back(pid);
+        }
+        ::close(go[0]);
+        ::close(out[1]);
+    }
+    ~Openers() {
+        for (pid_t pid : _pids) {
+            ::kill(pid, SIGKILL);
+            ::waitpid(pid, nullptr, 0);
+        }
+    }
+    bool Started() const { return _pids.size() == kCount; }
+    // All open at once.
+    void Go() { _go.reset(); }
+    // Every child's times, or false when they do not come within timeout.
+    bool Collect(Clock::duration timeout, std::vector<Times>& times) {
+        const Clock::time_point deadline = Clock::now() + timeout;
+        while (times.size() < kCount) {
+            pollfd ready{_results.get(), POLLIN, 0};
+            const int left = Milliseconds(deadline - Clock::now());
+            if (left <= 0 || g_interrupted || ::poll(&ready, 1, std::min(left, 100)) < 0) return false;
+            Times one;
+            if ((ready.revents & POLLIN) != 0 && ::read(_results.get(), &one, sizeof one) == sizeof one)
+                times.push_back(one);
+        }
+        return true;
+    }
+
+private:
+    [[noreturn]] static void Open(const char* path, int go, int out) {
+        ::prctl(PR_SET_PDEATHSIG, SIGKILL);
+        char byte;
+        while (::read(go, &byte, 1) < 0 && errno == EINTR) {
+        }
+        Times times;
+        timespec at{};
+        ::clock_gettime(CLOCK_MONOTONIC, &at);
+        times.start = at.tv_sec * 1000000000LL + at.tv_nsec;
+        const int fd = ::open(path, O_RDONLY | O_CLOEXEC);
+        times.error = fd < 0 ? errno : 0;
+        ::clock_gettime(CLOCK_MONOTONIC, &at);
+        times.end = at.tv_sec * 1000000000LL + at.tv_nsec;
+        ::_exit(::write(out, &times, sizeof times) == sizeof times ? 0 : 1);
+    }
+
+    UniqueFd _go, _results;
+    std::vector<pid_t> _pids;
+};
+
+long long NowNs() {
+    return std::chrono::duration_cast<std::chrono::nanoseconds>(Clock::now().time_since_epoch()).count();
+}
+
+// Accesses held by a consumer that never answers: how long the slowest of
+// eight simultaneous opens waits, and how soon a stop of the module frees
+// eight held ones.
+class HeldAccesses {
+public:
+    explicit HeldAccesses(const Settings& settings)
+        : _settings(settings), _dir(kBase, "fn_bench_held_"), _file(_dir.path() + "held") {}
+
+    bool Measure() {
+        if (_dir.path().empty() || !std::ofstream(_file)) {
+            std::printf("held accesses: cannot make the file under %s\n", kBase);
+            return false;
+        }
+        std::printf("\nHeld accesses: %d children open one guarded file at once, the consumer never answers, %d "
+                    "rounds\n",
+                    Openers::kCount, _settings.runs);
+        std::vector<double> slowest, stops;
+        bool ok = true;
+        for (int round = 0; round < _settings.runs && !g_interrupted && ok; ++round) {
+            double waited = 0, stop = 0;
+            std::string error = Round(false, waited);
+            if (error.empty()) error = Round(true, stop);
+            ok = error.empty();
+            if (ok) {
+                slowest.push_back(waited);
+                stops.push_back(stop);
+                std::printf("round %d  slowest open %7.1f ms   stop to the last open %6.1f ms\n", round + 1, waited,
+                            stop);
+            } else {
+                std::printf("round %d  FAILED: %s\n", round + 1, error.c_str());
+            }
+            std::fflush(stdout);
+        }
+        if (!slowest.empty()) {
+            std::printf("medians: slowest open %.1f ms (max %.1f), stop %.1f ms (max %.1f)\n", Median(slowest),
+                        *std::max_element(slowest.begin(), slowest.end()), Median(stops),
+                        *std::max_element(stops.begin(), stops.end()));
+        }
+        std::fflush(stdout);
+        return ok;
+    }
+
+private:
+    // One session: the slowest open in ms, or with stop the ms from the
+    // module's stop to the last open's return. An error text, or empty.
+    std::string Round(bool stop, double& ms) {
+        BenchUtil::ModuleSession<SilentConsumer> session;
+        std::string error = session.Start(FN_MODULE_PATH);
+        if (!error.empty()) return "module not loaded: " + error;
+        auto& consumer = session.consumer();
+        struct Release {
+            SilentConsumer& consumer;
+            ~Release() { consumer.Release(); }  // before the session ends its thread
+        } release{consumer};
+        Engine::_FileNotifyOpt opt;
+        opt.permit = true;
+        opt.inotifyOnly = false;
+        opt.watchChildFolder = true;
+        std::string reply;
+        if (session.Send(new Engine::FileNotifyWatchMessage(&consumer, _dir.path(), {FAN_OPEN}, opt), reply) != 0 ||
+            std::atoi(reply.c_str()) <= 0)
+            return "permission watch refused";
+        Openers openers(_file);
+        if (!openers.Started()) return ErrnoText("fork");
+        openers.Go();
+        long long stoppedAt = 0;
+        if (stop) {
+            // All eight asked: one in the handler, seven in its queue.
+            const Clock::time_point deadline = Clock::now() + std::chrono::seconds(5);
+            while (!(consumer.asked == 1 && consumer.GetQueuedMsgCount() == Openers::kCount - 1)) {
+                if (Clock::now() > deadline)
+                    return "the consumer was asked " + std::to_string(consumer.asked + consumer.GetQueuedMsgCount()) +
+                           " times, not eight";
+                std::this_thread::yield();
+            }
+            stoppedAt = NowNs();
+            session.StopModule();
+        }
+        std::vector<Openers::Times> times;
+        if (!openers.Collect(std::chrono::seconds(10), times)) return "the opens did not end within 10 s";
+        long long worst = 0;
+        for (const auto& one : times) {
+            if (one.error != 0) return std::string("an open failed: ") + std::strerror(one.error);
+            worst = std::max(worst, stop ? one.end - stoppedAt : one.end - one.start);
+        }
+        ms = static_cast<double>(worst) / 1e6;
+        return std::string();
+    }
+
+    const Settings& _settings;
+    const TempDir _dir;
+    const std::string _file;
 };
 
 // ---- notification delivery -------------------------------------------------
@@ -876,6 +1089,7 @@ int main(int argc, char** argv) {
 
     g_graceful = 1;
     bool ok = GuardedOpens(settings).Measure();
+    if (!g_interrupted) ok = HeldAccesses(settings).Measure() && ok;
     g_graceful = 0;
     if (g_interrupted) {
         std::printf("interrupted\n");
