@@ -130,6 +130,14 @@ int WatchConsumer::FileNotifyMessageAction(Engine::FileNotifyMessage* message) {
         ReportLoss(*message);
         return 0;
     }
+    if (message->GetNotifyType() == 0 &&
+        (message->GetEventMask() & Engine::FileNotifyMessage::kWatchFailedMask) != 0) {
+        std::string shown;
+        AppendTextName(shown, message->GetEventFilePath());
+        std::cerr << "filenotify: " << shown << " exists but cannot be watched; trying again every second"
+                  << std::endl;
+        return 0;
+    }
     // Past --count the program is stopping: nothing more is printed.
     if (!Wanted(*message) || CountReached()) return 0;
     struct stat status {};

@@ -34,6 +34,12 @@ public:
     // the path exists again. Back (as FAN_CREATE): the path is guarded (again).
     static constexpr unsigned int kPermitWatchLostMask = 0x400;
     static constexpr unsigned int kPermitWatchBackMask = 0x100;
+    // Mask of a watch failure report (as IN_IGNORED), notify type 0, the
+    // path as both path and watch file, watch id -1: the path exists but
+    // could not be watched (again); the watch stays pending and is tried
+    // again about once a second, and comes back as if the path had just
+    // appeared.
+    static constexpr unsigned int kWatchFailedMask = 0x8000;
 
     FileNotifyMessage(int notifyType, const std::string& path, unsigned int mask);
     ~FileNotifyMessage() override;
@@ -78,6 +84,12 @@ public:
     const struct stat& Stat() const { return m_stat; }
     bool IsStatValid() const { return m_statValid; }
 
+    // A create event (notify type 0) of a file or folder that was found
+    // inside a folder new to a watched tree, rather than reported by the
+    // kernel: it was there before the folder could be watched.
+    void SetFound(bool found) { m_found = found; }
+    bool IsFound() const { return m_found; }
+
     // Loss reports only: how many events were dropped for this consumer.
     void SetLostCount(unsigned long long count) { m_lostCount = count; }
     unsigned long long GetLostCount() const { return m_lostCount; }
@@ -100,6 +112,7 @@ private:
     int m_watchId = -1;
     struct stat m_stat {};
     bool m_statValid = false;
+    bool m_found = false;
     unsigned long long m_lostCount = 0;
     std::shared_ptr<FileNotifyPermitAnswer> m_permitAnswer;
 };

@@ -188,9 +188,10 @@ TEST_F(FileInotifyTest, RemovingWatchesTheKernelDroppedIsNoError) {
     MakeDir(dir / "a");
     const int root = Add(dir.path(), true);
     ASSERT_EQ(0, ::rmdir((dir / "a").c_str()));
-    // Removal before the batch is read: the subfolder's kernel watch is gone.
+    // Removal before the batch is read: the subfolder's kernel watch is gone,
+    // which a changing tree does all the time: no warning.
     EXPECT_EQ(0, inotify.RemoveWatch(root));
-    EXPECT_EQ(1, log.Count(LOG_WARNING)) << log.Dump();
+    EXPECT_EQ(0, log.Count(LOG_WARNING)) << log.Dump();
     EXPECT_EQ(0, Used());
     // Its queued events now name watches nobody knows: logged and dropped.
     ASSERT_EQ(0, Read());

@@ -1,6 +1,8 @@
 #include "FileInotify.h"
 
+#include <dirent.h>
 #include <poll.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -150,11 +152,14 @@ int FileInotify::AddWatch(const std::string& path, unsigned int mask, int& watch
     std::vector<std::string> list;
     if (!GetSubFloderList(list, path, watchSymLink, watchChildFolder, isFile)) return 1;
     const unsigned int kernelMask = KernelMask(mask, watchChildFolder && !isFile, watchSymLink);
+    std::vector<int> placed;  // kernel watches this call added: undone if it fails
     int rootWd = 0;
     if (watchId >= 1) {
         FN_LOG(LOG_DEBUG, "only add subfoder for watchId=%d", watchId);
         rootWd = watchId;
-        list.push_back(path);  // after its own subfolders, which are listed deepest first
+        // The new folder first, so that what appears in it from now on is
+        // reported; then its subfolders, listed deepest first.
+        list.insert(list.begin(), path);
     } else {
         FN_LOG(LOG_DEBUG, "add watch root folder %s", path);
         const int result = AddWatchImpl(path, kernelMask, rootWd);
@@ -162,6 +167,7 @@ int FileInotify::AddWatch(const std::string& path, unsigned int mask, int& watch
             FN_LOG(LOG_ERROR, "failed to AddWatchImpl  %s", path);
             return result;
         }
+        if (_watchItemMap.count(rootWd) == 0 && _watchSubItemMap.count(rootWd) == 0) placed.push_back(rootWd);
     }
     // The kernel gives an inode already watched on this descriptor its old
     // descriptor again: such a root is reused as it is.
@@ -169,19 +175,37 @@ int FileInotify::AddWatch(const std::string& path, unsigned int mask, int& watch
     // A root added again carries the union of its consumers' masks: the
     // folders that join it later must be watched with that union too.
     if (item && watchId < 1) item->mask = mask;
-    if (!item)
+    const bool newItem = !item;
+    if (newItem)
         item = std::make_unique<_WatchItem>(_WatchItem{rootWd, path, mask, watchChildFolder, watchSymLink, isFile, {}});
     for (const std::string& folder : list) {
         FN_LOG(LOG_DEBUG, "add watch subfolder %s", folder);
-        const int result = AddSubFolderWatch(folder, kernelMask, item.get());
+        const int result = AddSubFolderWatch(folder, kernelMask, item.get(), &placed);
         if (result != 0) {
             FN_LOG(LOG_ERROR, "failed to TraverseSubFolder  %s", folder);
+            Undo(placed, newItem ? rootWd : 0);
             return result;
         }
     }
     watchId = rootWd;
     UpdateWatchSize();
     return 0;
+}
+
+void FileInotify::Undo(const std::vector<int>& placed, int newRootWd) {
+    for (auto wd = placed.rbegin(); wd != placed.rend(); ++wd) {
+        if (*wd == newRootWd) continue;
+        RemoveSubFolderWatch(*wd);
+    }
+    if (newRootWd != 0) {
+        RemoveWatchImpl(newRootWd);
+        _watchItemMap.erase(newRootWd);
+    }
+    UpdateWatchSize();
+}
+
+bool FileInotify::IsChurn(int error) {
+    return error == ENOENT || error == ENOTDIR;
 }
 
 int FileInotify::AddWatchImpl(const std::string& path, unsigned int mask, int& wd) {
@@ -194,16 +218,19 @@ int FileInotify::AddWatchImpl(const std::string& path, unsigned int mask, int& w
     FN_LOG(LOG_DEBUG, "_fd=%i,filepath=%s,mask=%u", _fd, path, mask);
     const int result = ::inotify_add_watch(_fd, path.c_str(), mask);
     if (result < 0) {
-        // ENOSPC: fs.inotify.max_user_watches is used up.
+        // ENOSPC: fs.inotify.max_user_watches is used up. A path that has
+        // just gone is what a changing tree does all the time.
         const int error = errno;
-        FN_LOG(LOG_ERROR, "call inotify_add_watch %s failed,error=%d", path, error);
+        FN_LOG(IsChurn(error) ? LOG_DEBUG : LOG_ERROR, "call inotify_add_watch %s failed,error=%d", path, error);
+        errno = error;
         return 1;
     }
     wd = result;
     return 0;
 }
 
-int FileInotify::AddSubFolderWatch(const std::string& path, unsigned int mask, _WatchItem* item) {
+int FileInotify::AddSubFolderWatch(const std::string& path, unsigned int mask, _WatchItem* item,
+                                   std::vector<int>* placed) {
     FN_LOG(LOG_DEBUG, "pathname=%s", path);
     if (item == nullptr) {
         FN_LOG(LOG_ERROR, "watchItem==NULL");
@@ -212,6 +239,16 @@ int FileInotify::AddSubFolderWatch(const std::string& path, unsigned int mask, _
     int wd = 0;
     const int result = AddWatchImpl(path, mask, wd);
     if (result != 0) {
+        const int error = errno;
+        // Gone since the walk, or not ours to read: the rest of the tree is
+        // watched without it.
+        if (IsChurn(error)) return 0;
+        unsigned long held = 0;
+        if (error == EACCES && _skipLimit.Admit(held)) {
+            FN_LOG(LOG_WARNING, "cannot watch %s (error=%d): skipped, %lu more since the last record", path, error,
+                   held);
+        }
+        if (error == EACCES) return 0;
         FN_LOG(LOG_ERROR, "call AddWatchImpl failed  %s", path);
         return result;
     }
@@ -229,6 +266,7 @@ int FileInotify::AddSubFolderWatch(const std::string& path, unsigned int mask, _
     if (_watchSubItemMap.emplace(wd, _WatchSubItem{item->rootWd, path}).second) {
         item->subWdList.push_back(wd);
         _subFolderMap.emplace(path, wd);
+        if (placed != nullptr) placed->push_back(wd);
     }
     FN_LOG(LOG_DEBUG, "AddSubFolderWatch end");
     return 0;
@@ -280,7 +318,8 @@ int FileInotify::RemoveWatchImpl(int wd) {
         // EINVAL: the kernel dropped the watch already (its folder was
         // deleted, IN_IGNORED was queued). Nothing is left to undo.
         const int error = errno;
-        FN_LOG(LOG_WARNING, "inotify_rm_watch _fd=%d;watchId=%d error=%d", _fd, wd, error);
+        FN_LOG(error == EINVAL ? LOG_DEBUG : LOG_WARNING, "inotify_rm_watch _fd=%d;watchId=%d error=%d", _fd, wd,
+               error);
     }
     FN_LOG(LOG_DEBUG, "RemoveWatchImpl end");
     FN_CPU_YIELD();
@@ -378,6 +417,7 @@ int FileInotify::ReadEvents(char* buffer, int size, InotifyCallback callback, vo
         readSome = true;
     }
     _unpairedMoves.clear();
+    _movedFrom.clear();
     if (!readSome) return 0;
     InotifyCallBackParm batchEnd;
     batchEnd.type = InotifyCallBackParm::TYPE_BATCH_END;
@@ -416,7 +456,10 @@ int FileInotify::DoWithEvents(const char* buffer, int length, InotifyCallback ca
             return 0;
         }
         offset += kHeader + event->len;
-        if ((event->mask & IN_MOVED_FROM) != 0) _unpairedMoves.insert(event->cookie);
+        if ((event->mask & IN_MOVED_FROM) != 0) {
+            _unpairedMoves.insert(event->cookie);
+            _movedFrom.insert(event->cookie);
+        }
         if ((event->mask & IN_MOVED_TO) != 0) _unpairedMoves.erase(event->cookie);
         if ((event->mask & IN_IGNORED) != 0) {
             // The kernel has dropped the watch; the self event before it did the bookkeeping.
@@ -473,7 +516,7 @@ int FileInotify::DoWithOneEvent(const struct inotify_event* event, InotifyCallba
     if (item == nullptr) return failed ? 1 : 0;
     // A watched subfolder that went away is only bookkeeping: its parent's
     // watch has reported the deletion or move already.
-    if (!selfEvent) {
+    if (!selfEvent && !IsFoundAlready(path, event->mask)) {
         InotifyCallBackParm parm;
         parm.fd = _fd;
         parm.rootWd = wd;
@@ -511,8 +554,18 @@ int FileInotify::AddRefreshWatchTask(_WatchItem* item, const std::string& path, 
     } else {
         refresh.addSubWatch = true;
         refresh.addSubFolders.insert(path + "/");
+        // A folder renamed inside the tree brings nothing new.
+        if ((mask & IN_MOVED_TO) == 0 || _movedFrom.count(event->cookie) == 0)
+            refresh.reportSubFolders.insert(path + "/");
     }
     return 0;
+}
+
+bool FileInotify::IsFoundAlready(const std::string& path, unsigned int mask) {
+    if (_found.empty()) return false;
+    if ((mask & (IN_CREATE | IN_MOVED_TO)) != 0) return _found.erase(path) != 0;
+    if ((mask & (IN_DELETE | IN_MOVED_FROM)) != 0) _found.erase(path);
+    return false;
 }
 
 FileInotify::_RefreshWatchItem& FileInotify::RefreshItemOf(_WatchItem* item) {
@@ -548,6 +601,9 @@ void FileInotify::QueueResync() {
 }
 
 int FileInotify::RefreshWatch(InotifyCallback callback, void* data) {
+    // The batch just read held the kernel's own reports of whatever the last
+    // refresh found: no later batch can repeat them.
+    _found.clear();
     for (auto it = _refreshWatchMap.begin(); it != _refreshWatchMap.end(); it = _refreshWatchMap.erase(it)) {
         FN_CPU_YIELD();
         _RefreshWatchItem* refresh = it->second.get();
@@ -565,9 +621,46 @@ int FileInotify::RefreshWatch(InotifyCallback callback, void* data) {
             FN_LOG(LOG_ERROR, "call AddSubWatch failed");
             FN_LOG(LOG_ERROR, "call ReCreateWatch failed");
         }
-        if (refresh->addSubWatch && RefreshAddSubWatch(refresh) != 0) FN_LOG(LOG_ERROR, "call AddSubWatch failed");
+        if (!refresh->addSubWatch) continue;
+        // Known before under the same descriptor: walked and reported then.
+        std::map<std::string, int> known;
+        for (const std::string& folder : refresh->reportSubFolders) {
+            auto found = _subFolderMap.find(folder);
+            known[folder] = found != _subFolderMap.end() ? found->second : -1;
+        }
+        if (RefreshAddSubWatch(refresh) != 0) FN_LOG(LOG_ERROR, "call AddSubWatch failed");
+        for (const auto& [folder, oldWd] : known) {
+            auto now = _subFolderMap.find(folder);
+            if (now != _subFolderMap.end() && now->second != oldWd) ReportFound(folder, refresh->rootWd, 1, callback, data);
+        }
     }
     return 0;
+}
+
+void FileInotify::ReportFound(const std::string& folder, int rootWd, int depth, InotifyCallback callback,
+                              void* data) {
+    if (depth > kMaxTraverseDepth) return;
+    std::unique_ptr<DIR, int (*)(DIR*)> dir(::opendir(folder.c_str()), &::closedir);
+    if (!dir) return;  // gone meanwhile: its deletion is reported by the kernel
+    while (const struct dirent* entry = ::readdir(dir.get())) {
+        const std::string name = entry->d_name;
+        if (name == "." || name == "..") continue;
+        FN_CPU_YIELD();
+        const std::string path = folder + name;
+        bool isFolder = entry->d_type == DT_DIR;
+        struct stat status {};
+        if (entry->d_type == DT_UNKNOWN && ::lstat(path.c_str(), &status) == 0) isFolder = S_ISDIR(status.st_mode);
+        InotifyCallBackParm parm;
+        parm.fd = _fd;
+        parm.rootWd = rootWd;
+        parm.filePath = path;
+        parm.mask = IN_CREATE | (isFolder ? IN_ISDIR : 0U);
+        parm.found = true;
+        if (callback(parm, data) != 0) FN_LOG(LOG_ERROR, "call callback failed");
+        _found.insert(path);
+        // Only folders this tree watches are walked: links are not entered.
+        if (isFolder && _subFolderMap.count(path + "/") != 0) ReportFound(path + "/", rootWd, depth + 1, callback, data);
+    }
 }
 
 int FileInotify::RefreshAddSubWatch(_RefreshWatchItem* refreshItem) {

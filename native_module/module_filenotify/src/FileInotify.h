@@ -10,6 +10,7 @@
 #include <string>
 #include <vector>
 
+#include "FileNotifyLog.h"
 #include "FileNotifyOpt.h"
 
 namespace Framework {
@@ -40,6 +41,7 @@ struct InotifyCallBackParm {
     const struct inotify_event* event = nullptr;  // TYPE_EVENT: the raw record (cookie, raw mask)
     int removedWd = 0;                            // TYPE_ROOT_REMOVED: the root watch that has gone
     unsigned int mask = 0;                        // TYPE_EVENT: the mask, IN_ISDIR added on folder self events
+    bool found = false;  // TYPE_EVENT: no kernel event (event null): found in a folder new to the tree
 };
 
 // Receives decoded records; 0 for success. data is passed through unchanged.
@@ -77,6 +79,9 @@ public:
         bool addSubWatch = false;
         std::set<std::string> removeSubFolders;
         std::set<std::string> addSubFolders;
+        // Of addSubFolders, those created or moved in from outside the tree:
+        // what they hold is reported as found once they are watched.
+        std::set<std::string> reportSubFolders;
     };
 
     // limit is not owned and must outlive the instance. Opens the descriptor.
@@ -92,7 +97,9 @@ public:
 
     // watchId >= 1: add path and its subfolders to that existing root
     // (subfolder-only mode). Otherwise add a new root and write its
-    // descriptor to watchId. 0 or a failure code; no rollback on failure.
+    // descriptor to watchId. Folders that vanish or cannot be read meanwhile
+    // are skipped. 0, or a failure code with every kernel watch that the
+    // call added removed again.
     int AddWatch(const std::string& path, unsigned int mask, int& watchId, const _FileNotifyOpt& opt);
     int AddWatch(const std::string& path, unsigned int mask, int& watchId, bool watchChildFolder, bool watchSymLink,
                  bool isFile);
@@ -101,7 +108,11 @@ public:
     bool GetSubFloderList(std::vector<std::string>& list, const std::string& path, bool watchSymLink,
                           bool watchChildFolder, bool isFile);
     int AddWatchImpl(const std::string& path, unsigned int mask, int& wd);
-    int AddSubFolderWatch(const std::string& path, unsigned int mask, _WatchItem* item);
+    // A folder gone since the walk, or one without read permission, is
+    // skipped (0). placed, when given, collects the kernel watches new to
+    // this instance.
+    int AddSubFolderWatch(const std::string& path, unsigned int mask, _WatchItem* item,
+                          std::vector<int>* placed = nullptr);
 
     // Removes a root watch with its subfolders; the root's kernel watch only
     // when removeRootWatch (false when the kernel has dropped it already).
@@ -152,6 +163,17 @@ private:
     bool WaitReadable(std::chrono::steady_clock::time_point end) const;
     _RefreshWatchItem& RefreshItemOf(_WatchItem* item);
     bool IsStillWatched(const _WatchItem& item) const;
+    // Removes the kernel watches of a failed add, last first; newRootWd (0:
+    // none) is the root the add made.
+    void Undo(const std::vector<int>& placed, int newRootWd);
+    // An errno of a path that changed under us, not a failure.
+    static bool IsChurn(int error);
+    // Reports every file and folder below folder (ends in "/"), which has
+    // just been watched, as created (found); depth counts the levels walked.
+    void ReportFound(const std::string& folder, int rootWd, int depth, InotifyCallback callback, void* data);
+    // An event on a path reported as found in the last refresh: the kernel's
+    // report of the same creation is dropped, once.
+    bool IsFoundAlready(const std::string& path, unsigned int mask);
 
     int _fd = -1;
     std::unique_ptr<Framework::Event> _event;
@@ -163,7 +185,10 @@ private:
     FileNotifyLimit* _limit;
     unsigned long _overflowCount = 0;
     bool _held = false;
+    LogRateLimit _skipLimit;  // the warnings of folders skipped for lack of permission
     std::set<unsigned int> _unpairedMoves;  // cookies of moved-from records of this batch without partner
+    std::set<unsigned int> _movedFrom;      // cookies of the moved-from records of this batch
+    std::set<std::string> _found;           // paths reported as found by the last refresh
 };
 
 }  // namespace Engine

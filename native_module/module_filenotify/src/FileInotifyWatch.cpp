@@ -192,7 +192,7 @@ int FileInotifyWatch::DoEventCallback(const InotifyCallBackParm& parm, void* con
 }
 
 int FileInotifyWatch::DoEvent(int fd, int wd, const InotifyCallBackParm& parm) {
-    _EventItem item{fd, wd, parm.filePath, std::string(), parm.mask, false};
+    _EventItem item{fd, wd, parm.filePath, std::string(), parm.mask, false, parm.found};
     if (parm.event != nullptr && static_cast<int>(parm.event->cookie) > 0) {
         bool isCached = false;
         MergeMoveEvent(&item, parm.event, isCached);
@@ -216,7 +216,7 @@ int FileInotifyWatch::MergeMoveEvent(_EventItem* eventItem, const struct inotify
         // A second moved-from under a taken key is dropped (and freed).
         eventItemMap.emplace(key,
                              std::make_unique<_EventItem>(_EventItem{eventItem->fd, eventItem->wd, eventItem->eventFile,
-                                                                     std::string(), eventItem->mask, false}));
+                                                                     std::string(), eventItem->mask, false, false}));
         isCached = true;
         return 0;
     }
@@ -251,6 +251,7 @@ int FileInotifyWatch::SendEventMsg(const _EventItem* eventItem) {
         if (FileNotifyUtils::IsIgnoreWatchEvent(static_cast<int>(eventItem->mask), record->opt.eventMasks)) continue;
         auto message = std::make_unique<FileNotifyMessage>(0, eventItem->eventFile, eventItem->mask);
         if (eventItem->isMoveEvent) message->SetMoveEvent(eventItem->movetoFile);
+        message->SetFound(eventItem->found);
         message->SetWatchFile(eventItem->wd, record->filePath);
         message->SetExtParm(record->opt.extParm);
         FlowControl().Send(record->taskId, std::move(message), eventItem->fd);

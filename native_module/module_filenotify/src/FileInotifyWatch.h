@@ -37,6 +37,7 @@ public:
         std::string movetoFile;
         unsigned int mask = 0;
         bool isMoveEvent = false;
+        bool found = false;  // found in a new folder, not reported by the kernel
     };
 
     FileInotifyWatch();

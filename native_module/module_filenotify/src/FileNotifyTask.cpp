@@ -81,13 +81,8 @@ int FileNotifyTask::NextWaitMs() const {
     return check >= 0 && check < wait ? check : wait;
 }
 
-bool FileNotifyTask::HasPendingPermitWatch() const {
-    return std::any_of(pendingWatchList.begin(), pendingWatchList.end(),
-                       [](const auto& record) { return record->notifyType == 2; });
-}
-
 int FileNotifyTask::PermitCheckInMs() const {
-    if (!fileFanotifyWatch.HasPermitWatches() && !HasPendingPermitWatch()) return -1;
+    if (!fileFanotifyWatch.HasPermitWatches() && pendingWatchList.empty()) return -1;
     const auto left = std::chrono::ceil<std::chrono::milliseconds>(nextPermitCheck - std::chrono::steady_clock::now());
     return static_cast<int>(std::clamp<long long>(left.count(), 0, kPermitCheckMs));
 }
@@ -95,9 +90,9 @@ int FileNotifyTask::PermitCheckInMs() const {
 void FileNotifyTask::CheckPermitWatches() {
     nextPermitCheck = std::chrono::steady_clock::now() + std::chrono::milliseconds(kPermitCheckMs);
     fileFanotifyWatch.CheckPermitWatches();
-    // The pass-counting timer may be far off when idle; a lost guard's path
+    // The pass-counting timer may be far off when idle; a lost root's path
     // may even be back already.
-    if (HasPendingPermitWatch()) TimerSchduler();
+    TimerSchduler();
 }
 
 int FileNotifyTask::Run() {
@@ -249,12 +244,23 @@ void FileNotifyTask::TimerSchduler() {
             default:
                 break;
         }
-        if (result != 0) FN_LOG(LOG_ERROR, "call AddWatch failed m_filePath=%s", owned->path);
-        // Gone again before the mark: a guard keeps waiting for its path.
-        if (result != 0 && owned->notifyType == 2 && !FileNotifyUtils::IsExistFilePath(owned->path)) {
-            it = std::next(pendingWatchList.insert(it, std::move(owned)));
-        }
+        if (result == 0) continue;
+        // Kept and tried again at every check: a root that cannot be watched
+        // now (gone again, the watch limit, no permission) is never dropped.
+        ReportFailedAdd(*owned);
+        it = std::next(pendingWatchList.insert(it, std::move(owned)));
     }
+}
+
+void FileNotifyTask::ReportFailedAdd(_PendingWatchItem& record) {
+    // Gone again before the watch: simply pending, nothing to tell.
+    if (record.failed || !FileNotifyUtils::IsExistFilePath(record.path)) return;
+    record.failed = true;
+    FN_LOG(LOG_ERROR, "call AddWatch failed m_filePath=%s", record.path);
+    auto message = std::make_unique<FileNotifyMessage>(0, record.path, FileNotifyMessage::kWatchFailedMask);
+    message->SetWatchFile(-1, record.path);
+    message->SetExtParm(record.opt.extParm);
+    flowControl.Send(record.taskId, std::move(message), -1);
 }
 
 void FileNotifyTask::ClearCache() {

@@ -22,6 +22,7 @@ struct _PendingWatchItem {
     int notifyType = 0;  // 0 inotify, 1 fanotify notify, 2 fanotify permit
     std::string path;
     _FileNotifyOpt opt;
+    bool failed = false;  // an add failed while the path existed: told once, then retried quietly
 };
 
 // The module's one task, "filenotify_task": owns both watch engines and runs
@@ -31,8 +32,9 @@ class FileNotifyTask : public Framework::Task, public FileNotifyWatchService {
 public:
     static constexpr int kQueueCapacity = 4096;
     static constexpr int kEventReadBufferSize = 5120;
-    // Permit watches are checked by time, not by passes: a lost guard must
-    // be back within about a second of its path, even when the loop idles.
+    // Pending and permit watches are checked by time as well as by passes: a
+    // path that is back must be watched within about a second, also when the
+    // loop idles.
     static constexpr int kPermitCheckMs = 1000;
 
     FileNotifyTask();
@@ -98,11 +100,13 @@ private:
     void HoldReader(int reader, bool held);
     bool IsReaderShared(int reader, int taskId) const;
     int NextWaitMs() const;
-    bool HasPendingPermitWatch() const;
-    // Milliseconds until the permit watches are due, 0 when they are, -1
-    // while there is none (placed or pending).
+    // Milliseconds until the timed check is due, 0 when it is, -1 while
+    // there is nothing to check (no permit watch, nothing pending).
     int PermitCheckInMs() const;
     void CheckPermitWatches();
+    // A pending watch whose add failed although its path exists: logged and
+    // told to its consumer the first time only.
+    void ReportFailedAdd(_PendingWatchItem& record);
 
     // Before the engines: they send through it until they are gone.
     FileNotifyFlowControl flowControl;
