@@ -1,7 +1,12 @@
 #include <fcntl.h>
 #include <unistd.h>
 
+#include <algorithm>
+#include <atomic>
+#include <filesystem>
+#include <map>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include <gtest/gtest.h>
@@ -62,6 +67,18 @@ protected:
         while (task->GetEventWaiter().WaitAndHandleEvent(0, 128) > 0) {
         }
     }
+    // Pumps until a file made now under folder has reached consumer a:
+    // everything the task sent a before it has been received as well.
+    void Settle(const std::string& folder) {
+        const std::string sentinel = folder + "settled" + std::to_string(++settled);
+        Touch(sentinel);
+        ASSERT_TRUE(TestUtil::WaitUntil([&] {
+            Pump();
+            const auto events = a->Events();
+            return std::any_of(events.begin(), events.end(), [&](const auto& e) { return e.path == sentinel; });
+        })) << sentinel;
+    }
+    int settled = 0;
     int UsedWatches() {
         const auto& limit = task->GetInotifyWatch().GetLimit();
         return limit.GetLimitWatches() - limit.GetPermitWatchSize();
@@ -218,6 +235,111 @@ TEST_F(InotifyWatchTest, FileReplacedByRenameIsWatchedAgainAtOnce) {
     Pump();
     ASSERT_TRUE(a->WaitFor(2));
     EXPECT_EQ(file + " 0x2", a->Summary().back());
+}
+
+// Creates and removes nested folders below 40 parents until stopped, as a
+// build or a cache would.
+class Churn {
+public:
+    explicit Churn(const std::string& root) : _root(root) {
+        for (int i = 0; i < kParents; ++i)
+            MakeDir(root + "p" + std::to_string(i));
+        _thread = std::thread([this] {
+            for (unsigned long n = 0; !_stop; ++n) {
+                const std::string parent = _root + "p" + std::to_string(n % kParents) + "/n";
+                ::mkdir(parent.c_str(), 0755);
+                ::mkdir((parent + "/m").c_str(), 0755);
+                ::rmdir((parent + "/m").c_str());
+                ::rmdir(parent.c_str());
+            }
+        });
+    }
+    ~Churn() { Stop(); }
+    void Stop() {
+        _stop = true;
+        if (_thread.joinable()) _thread.join();
+    }
+    static constexpr int kParents = 40;
+
+private:
+    const std::string _root;
+    std::atomic<bool> _stop{false};
+    std::thread _thread;
+};
+
+int CountFolders(const std::string& root) {
+    int count = 1;
+    for (const auto& entry : std::filesystem::recursive_directory_iterator(root))
+        count += entry.is_directory() ? 1 : 0;
+    return count;
+}
+
+TEST_F(InotifyWatchTest, TreeAddsHoldWhileTheTreeChanges) {
+    const std::string root = dir / "busy/";
+    MakeDir(root);
+    Churn churn(root);
+    for (int round = 0; round < 20; ++round) {
+        const int id = Add(*a, root, IN_CREATE, true);
+        ASSERT_GT(id, 0) << "round " << round << "\n" << log.Dump();
+        ASSERT_EQ(0, task->RemoveInotifyWatch(a->GetTaskId(), root));
+        Pump();
+    }
+    EXPECT_EQ(0, TestUtil::KernelInotifyWatches());
+    ASSERT_GT(Add(*a, root, IN_CREATE, true), 0);
+    Pump();
+    churn.Stop();
+    // Once the last of the churn has been read, exactly the folders left are watched.
+    Settle(root);
+    EXPECT_EQ(CountFolders(root), TestUtil::KernelInotifyWatches());
+    EXPECT_EQ(0, log.Count(Engine::LOG_WARNING)) << log.Dump();
+}
+
+// mkdir -p bursts with files in the deepest folders, while the tree is read:
+// whatever the kernel reported and whatever the refresh found, every new
+// folder and file reaches the consumer once.
+TEST_F(InotifyWatchTest, NewFoldersReportEverythingTheyHoldOnce) {
+    ASSERT_GT(Add(*a, dir.path(), IN_CREATE, true), 0);
+    std::map<std::string, int> expected;
+    for (const char* burst : {"x", "y", "z"}) {
+        const std::string top = dir / burst;
+        expected[top] = 0;
+        for (int k = 0; k < 50; ++k) {
+            for (const char* leaf : {"a", "b"}) {
+                const std::string folder = top + "/" + std::to_string(k) + "/" + leaf;
+                expected[top + "/" + std::to_string(k)] = 0;
+                expected[folder] = 0;
+                expected[folder + "/f"] = 0;
+            }
+        }
+    }
+    std::atomic<bool> made{false};
+    std::thread maker([&] {
+        for (const char* burst : {"x", "y", "z"}) {
+            for (int k = 0; k < 50; ++k) {
+                for (const char* leaf : {"a", "b"}) {
+                    const std::string folder = dir / burst + "/" + std::to_string(k) + "/" + leaf;
+                    std::filesystem::create_directories(folder);
+                    Touch(folder + "/f");
+                }
+            }
+        }
+        made = true;
+    });
+    TestUtil::AtScopeEnd join([&] { maker.join(); });
+    // Read while the folders come: some are watched before they fill up.
+    while (!made)
+        task->GetEventWaiter().WaitAndHandleEvent(10, 128);
+    // The first may share its batch with the last folder's refresh.
+    Settle(dir.path());
+    Settle(dir.path());
+    for (const auto& event : a->Events()) {
+        if (event.path.find("settled") != std::string::npos) continue;
+        auto known = expected.find(event.path);
+        ASSERT_NE(known, expected.end()) << event.path;
+        ++known->second;
+    }
+    for (const auto& [path, seen] : expected)
+        EXPECT_EQ(1, seen) << path;
 }
 
 }  // namespace

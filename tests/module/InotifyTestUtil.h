@@ -7,6 +7,8 @@
 
 #include <cstdint>
 #include <cstring>
+#include <filesystem>
+#include <fstream>
 #include <string>
 #include <vector>
 
@@ -16,6 +18,19 @@
 #include "TestUtil.h"
 
 namespace TestUtil {
+
+// The kernel's inotify watches of this process, from /proc/self/fdinfo:
+// what is really placed, whatever the bookkeeping says.
+inline int KernelInotifyWatches() {
+    int count = 0;
+    for (const auto& entry : std::filesystem::directory_iterator("/proc/self/fdinfo")) {
+        std::ifstream info(entry.path());
+        std::string line;
+        while (std::getline(info, line))
+            count += line.rfind("inotify wd:", 0) == 0 ? 1 : 0;
+    }
+    return count;
+}
 
 // What an inotify instance handed to its receiver, copied out of the buffer.
 struct InotifyRecord {

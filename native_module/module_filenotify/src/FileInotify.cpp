@@ -639,7 +639,9 @@ int FileInotify::RefreshWatch(InotifyCallback callback, void* data) {
 
 void FileInotify::ReportFound(const std::string& folder, int rootWd, int depth, InotifyCallback callback,
                               void* data) {
-    if (depth > kMaxTraverseDepth) return;
+    auto root = _watchItemMap.find(rootWd);
+    if (depth > kMaxTraverseDepth || root == _watchItemMap.end()) return;
+    _WatchItem* item = root->second.get();
     std::unique_ptr<DIR, int (*)(DIR*)> dir(::opendir(folder.c_str()), &::closedir);
     if (!dir) return;  // gone meanwhile: its deletion is reported by the kernel
     while (const struct dirent* entry = ::readdir(dir.get())) {
@@ -650,6 +652,14 @@ void FileInotify::ReportFound(const std::string& folder, int rootWd, int depth, 
         bool isFolder = entry->d_type == DT_DIR;
         struct stat status {};
         if (entry->d_type == DT_UNKNOWN && ::lstat(path.c_str(), &status) == 0) isFolder = S_ISDIR(status.st_mode);
+        // Watched before it is read: what comes into it later is the kernel's
+        // to report. A folder made after the walk that listed its parent's
+        // subfolders has no watch yet and would go unseen.
+        const std::string subfolder = path + "/";
+        if (isFolder && _subFolderMap.count(subfolder) == 0 && _limit->GetPermitWatchSize() > 0 &&
+            AddSubFolderWatch(subfolder, KernelMask(item->mask, true, item->watchSymLink), item) == 0) {
+            UpdateWatchSize();
+        }
         InotifyCallBackParm parm;
         parm.fd = _fd;
         parm.rootWd = rootWd;
@@ -659,7 +669,7 @@ void FileInotify::ReportFound(const std::string& folder, int rootWd, int depth, 
         if (callback(parm, data) != 0) FN_LOG(LOG_ERROR, "call callback failed");
         _found.insert(path);
         // Only folders this tree watches are walked: links are not entered.
-        if (isFolder && _subFolderMap.count(path + "/") != 0) ReportFound(path + "/", rootWd, depth + 1, callback, data);
+        if (isFolder && _subFolderMap.count(subfolder) != 0) ReportFound(subfolder, rootWd, depth + 1, callback, data);
     }
 }
 
