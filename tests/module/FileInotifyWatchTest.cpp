@@ -1,8 +1,11 @@
 #include <fcntl.h>
+#include <sched.h>
+#include <sys/mount.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <atomic>
+#include <cstring>
 #include <filesystem>
 #include <map>
 #include <string>
@@ -237,47 +240,10 @@ TEST_F(InotifyWatchTest, FileReplacedByRenameIsWatchedAgainAtOnce) {
     EXPECT_EQ(file + " 0x2", a->Summary().back());
 }
 
-// Creates and removes nested folders below 40 parents until stopped, as a
-// build or a cache would.
-class Churn {
-public:
-    explicit Churn(const std::string& root) : _root(root) {
-        for (int i = 0; i < kParents; ++i)
-            MakeDir(root + "p" + std::to_string(i));
-        _thread = std::thread([this] {
-            for (unsigned long n = 0; !_stop; ++n) {
-                const std::string parent = _root + "p" + std::to_string(n % kParents) + "/n";
-                ::mkdir(parent.c_str(), 0755);
-                ::mkdir((parent + "/m").c_str(), 0755);
-                ::rmdir((parent + "/m").c_str());
-                ::rmdir(parent.c_str());
-            }
-        });
-    }
-    ~Churn() { Stop(); }
-    void Stop() {
-        _stop = true;
-        if (_thread.joinable()) _thread.join();
-    }
-    static constexpr int kParents = 40;
-
-private:
-    const std::string _root;
-    std::atomic<bool> _stop{false};
-    std::thread _thread;
-};
-
-int CountFolders(const std::string& root) {
-    int count = 1;
-    for (const auto& entry : std::filesystem::recursive_directory_iterator(root))
-        count += entry.is_directory() ? 1 : 0;
-    return count;
-}
-
 TEST_F(InotifyWatchTest, TreeAddsHoldWhileTheTreeChanges) {
     const std::string root = dir / "busy/";
     MakeDir(root);
-    Churn churn(root);
+    TestUtil::Churn churn(root);
     for (int round = 0; round < 20; ++round) {
         const int id = Add(*a, root, IN_CREATE, true);
         ASSERT_GT(id, 0) << "round " << round << "\n" << log.Dump();
@@ -290,7 +256,7 @@ TEST_F(InotifyWatchTest, TreeAddsHoldWhileTheTreeChanges) {
     churn.Stop();
     // Once the last of the churn has been read, exactly the folders left are watched.
     Settle(root);
-    EXPECT_EQ(CountFolders(root), TestUtil::KernelInotifyWatches());
+    EXPECT_EQ(TestUtil::CountFolders(root), TestUtil::KernelInotifyWatches());
     EXPECT_EQ(0, log.Count(Engine::LOG_WARNING)) << log.Dump();
 }
 
@@ -340,6 +306,44 @@ TEST_F(InotifyWatchTest, NewFoldersReportEverythingTheyHoldOnce) {
     }
     for (const auto& [path, seen] : expected)
         EXPECT_EQ(1, seen) << path;
+}
+
+// In a mount namespace of this thread's own, so that nothing outside sees
+// the mounts: one below a watched tree, one that is a watched root.
+TEST_F(InotifyWatchTest, AnUnmountIsToldAndTheFolderUnderneathIsWatched) {
+    if (::unshare(CLONE_NEWNS) != 0 || ::mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0)
+        GTEST_SKIP() << "no private mount namespace here: " << std::strerror(errno);
+    TestUtil::TempDir other;
+    const std::string inTree = dir / "m";
+    const std::string root = other / "m";
+    for (const std::string& mountPoint : {inTree, root}) {
+        MakeDir(mountPoint);
+        ASSERT_EQ(0, ::mount("fn_test", mountPoint.c_str(), "tmpfs", 0, "size=1m")) << std::strerror(errno);
+        MakeDir(mountPoint + "/inside");
+    }
+    TestUtil::AtScopeEnd unmount([&] {
+        for (const std::string& mountPoint : {inTree, root})
+            ::umount2(mountPoint.c_str(), MNT_DETACH);
+    });
+    ASSERT_GT(Add(*a, dir.path(), IN_CREATE, true), 0);
+    ASSERT_GT(Add(*b, root, IN_CREATE, false), 0);
+    Touch(inTree + "/inside/x");
+    Settle(dir.path());
+    for (const std::string& mountPoint : {inTree, root})
+        ASSERT_EQ(0, ::umount2(mountPoint.c_str(), 0)) << std::strerror(errno);
+    Touch(inTree + "/under");
+    Settle(dir.path());
+    const auto summary = a->Summary();
+    for (const std::string& expected : {inTree + "/inside/x 0x100", inTree + " 0x40002000", inTree + "/under 0x100"})
+        EXPECT_NE(std::find(summary.begin(), summary.end(), expected), summary.end()) << expected;
+    // The root was the mount: told, and watched again at once, underneath.
+    ASSERT_TRUE(b->WaitFor(1));
+    EXPECT_EQ(root + " 0x40002000", b->Summary().front());
+    EXPECT_TRUE(task->GetPendingWatchList().empty());
+    Touch(root + "/later");
+    Pump();
+    ASSERT_TRUE(b->WaitFor(2));
+    EXPECT_EQ(root + "/later 0x100", b->Summary().back());
 }
 
 }  // namespace

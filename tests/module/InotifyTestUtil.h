@@ -5,11 +5,13 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <cstdint>
 #include <cstring>
 #include <filesystem>
 #include <fstream>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include <gtest/gtest.h>
@@ -99,5 +101,42 @@ private:
     std::vector<char> _bytes;
     std::vector<inotify_event> _aligned;
 };
+
+// Creates and removes nested folders below 40 parents of root until stopped, as a
+// build or a cache would.
+class Churn {
+public:
+    explicit Churn(const std::string& root) : _root(root) {
+        _thread = std::thread([this] {
+            for (unsigned long n = 0; !_stop; ++n) {
+                // Made again when the root was.
+                const std::string parent = _root + "p" + std::to_string(n % kParents) + "/n";
+                ::mkdir(parent.substr(0, parent.size() - 2).c_str(), 0755);
+                ::mkdir(parent.c_str(), 0755);
+                ::mkdir((parent + "/m").c_str(), 0755);
+                ::rmdir((parent + "/m").c_str());
+                ::rmdir(parent.c_str());
+            }
+        });
+    }
+    ~Churn() { Stop(); }
+    void Stop() {
+        _stop = true;
+        if (_thread.joinable()) _thread.join();
+    }
+    static constexpr int kParents = 40;
+
+private:
+    const std::string _root;
+    std::atomic<bool> _stop{false};
+    std::thread _thread;
+};
+
+inline int CountFolders(const std::string& root) {
+    int count = 1;
+    for (const auto& entry : std::filesystem::recursive_directory_iterator(root))
+        count += entry.is_directory() ? 1 : 0;
+    return count;
+}
 
 }  // namespace TestUtil

@@ -489,7 +489,7 @@ bool FileInotify::GetNotifyCallbackPara(const struct inotify_event* event, int& 
         wd = sub->second.rootWd;
         if (event->len > 0) {
             path = JoinPath(sub->second.path, event);
-        } else if ((event->mask & kSelfGone) != 0) {
+        } else if ((event->mask & (kSelfGone | IN_UNMOUNT)) != 0) {
             path = sub->second.path;
             selfEvent = true;
         } else {
@@ -516,14 +516,15 @@ int FileInotify::DoWithOneEvent(const struct inotify_event* event, InotifyCallba
     if (item == nullptr) return failed ? 1 : 0;
     // A watched subfolder that went away is only bookkeeping: its parent's
     // watch has reported the deletion or move already.
-    if (!selfEvent && !IsFoundAlready(path, event->mask)) {
+    // An unmount is news though: what was there is gone from the tree.
+    if ((!selfEvent || (event->mask & IN_UNMOUNT) != 0) && !IsFoundAlready(path, event->mask)) {
         InotifyCallBackParm parm;
         parm.fd = _fd;
         parm.rootWd = wd;
         parm.filePath = std::move(path);
         parm.event = event;
         parm.mask = event->mask;
-        if ((parm.mask & kSelfGone) != 0 && !item->isFile) parm.mask |= IN_ISDIR;
+        if ((parm.mask & (kSelfGone | IN_UNMOUNT)) != 0 && !item->isFile) parm.mask |= IN_ISDIR;
         if (callback(parm, data) != 0) {
             FN_LOG(LOG_ERROR, "call callback failed");
             return 1;
@@ -541,7 +542,9 @@ int FileInotify::DoWithOneEvent(const struct inotify_event* event, InotifyCallba
 int FileInotify::AddRefreshWatchTask(_WatchItem* item, const std::string& path, const struct inotify_event* event,
                                      bool selfEvent) {
     const unsigned int mask = event->mask;
-    const bool rootGone = !selfEvent && (mask & kSelfGone) != 0;
+    // An unmounted root is given up like a deleted one: it comes back as the
+    // folder underneath, or as the next file system mounted there.
+    const bool rootGone = !selfEvent && (mask & (kSelfGone | IN_UNMOUNT)) != 0;
     const bool folderCame = !selfEvent && !rootGone && (mask & IN_ISDIR) != 0 &&
                             (mask & (IN_CREATE | IN_MOVED_TO)) != 0 && item->watchChildFolder;
     if (!selfEvent && !rootGone && !folderCame) return 0;
@@ -551,6 +554,13 @@ int FileInotify::AddRefreshWatchTask(_WatchItem* item, const std::string& path, 
     } else if (selfEvent) {
         refresh.removeSubWatch = true;
         refresh.removeSubFolders.insert(path);
+        // The folder underneath an unmounted one is part of the tree again,
+        // and what it holds appears in the tree.
+        if ((mask & IN_UNMOUNT) != 0) {
+            refresh.addSubWatch = true;
+            refresh.addSubFolders.insert(path);
+            refresh.reportSubFolders.insert(path);
+        }
     } else {
         refresh.addSubWatch = true;
         refresh.addSubFolders.insert(path + "/");
@@ -684,6 +694,11 @@ int FileInotify::RefreshAddSubWatch(_RefreshWatchItem* refreshItem) {
     const bool watchChildFolder = item->watchChildFolder;
     const bool watchSymLink = item->watchSymLink;
     for (const std::string& folder : refreshItem->addSubFolders) {
+        // Gone again before its turn: a changing tree, nothing to report.
+        if (!SDK::DirUtils::IsDir(folder)) {
+            FN_LOG(LOG_DEBUG, "no folder at %s any more", folder);
+            continue;
+        }
         int watchId = rootWd;
         if (AddWatch(folder, mask, watchId, watchChildFolder, watchSymLink, false) != 0) {
             FN_LOG(LOG_ERROR, "call AddWatch failed,addWatchFile=%s, rootEventWd=%d", folder, rootWd);
