@@ -117,6 +117,8 @@ void EventFormatter::AppendText(std::string& out, const Engine::FileNotifyMessag
         out += " lost=";
         AppendNumber(out, event.GetLostCount());
     }
+    // Already there when its folder came into the tree.
+    if (event.IsFound()) out += " found";
     if (verdict != nullptr) {
         out += " verdict=";
         out += VerdictText(*verdict);
@@ -146,6 +148,7 @@ void EventFormatter::AppendJson(std::string& out, const Engine::FileNotifyMessag
     AppendJsonPath(out, "watch", event.FormatFolderName(event.GetWatchFile()));
     out += ",\"watch_id\":";
     AppendNumber(out, event.GetWatchId());
+    if (event.IsFound()) out += ",\"found\":true";
     if (event.GetNotifyType() != 0 && !IsLossReport(event)) {
         out += ",\"pid\":";
         AppendNumber(out, event.GetEventProcessId());
