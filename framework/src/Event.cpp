@@ -1,5 +1,7 @@
 #include "framework/Event.h"
 
+#include <sys/epoll.h>
+
 #include <cerrno>
 #include <exception>
 
@@ -12,7 +14,10 @@ namespace Framework {
 
 EventCallbackBase::~EventCallbackBase() = default;
 
-Event::Event(EventCallbackBase* callback, void* arg, int fd) : _callback(callback), _arg(arg), _fd(fd) {}
+static_assert(EPOLLIN == 1U, "the default readiness of an Event is EPOLLIN");
+
+Event::Event(EventCallbackBase* callback, void* arg, int fd, unsigned int readiness)
+    : _callback(callback), _arg(arg), _fd(fd), _readiness(readiness) {}
 
 Event::~Event() {
     if (_waiter != nullptr) _waiter->RemoveEvent(this);

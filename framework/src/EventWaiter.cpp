@@ -28,7 +28,7 @@ int EventWaiter::AddEvent(Event* event) {
     if (event == nullptr || !IsValid() || event->GetFd() < 0) return EINVAL;
     if (event->_waiter != nullptr || _events.count(event->GetFd()) != 0) return EEXIST;
     epoll_event ev{};
-    ev.events = EPOLLIN;
+    ev.events = event->GetReadiness();
     // The descriptor, not the Event's address, is the key: a callback that
     // destroys another ready Event leaves nothing dangling in this batch.
     ev.data.fd = event->GetFd();
@@ -55,7 +55,7 @@ int EventWaiter::SetEnabled(Event* event, bool enabled) {
     auto it = _events.find(event->GetFd());
     if (it == _events.end() || it->second != event) return ENOENT;
     epoll_event ev{};
-    ev.events = enabled ? static_cast<std::uint32_t>(EPOLLIN) : 0U;
+    ev.events = enabled ? event->GetReadiness() : 0U;
     ev.data.fd = event->GetFd();
     return ::epoll_ctl(_epoll.get(), EPOLL_CTL_MOD, event->GetFd(), &ev) == 0 ? 0 : errno;
 }

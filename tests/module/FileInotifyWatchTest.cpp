@@ -8,6 +8,7 @@
 #include <cstring>
 #include <filesystem>
 #include <map>
+#include <set>
 #include <string>
 #include <thread>
 #include <vector>
@@ -17,6 +18,7 @@
 #include <Poco/AutoPtr.h>
 
 #include "FileNotifyLog.h"
+#include "FileNotifyMountWatch.h"
 #include "FileNotifyTask.h"
 #include "InotifyTestUtil.h"
 #include "LogCapture.h"
@@ -308,32 +310,54 @@ TEST_F(InotifyWatchTest, NewFoldersReportEverythingTheyHoldOnce) {
         EXPECT_EQ(1, seen) << path;
 }
 
-// In a mount namespace of this thread's own, so that nothing outside sees
-// the mounts: one below a watched tree, one that is a watched root.
-TEST_F(InotifyWatchTest, AnUnmountIsToldAndTheFolderUnderneathIsWatched) {
-    if (::unshare(CLONE_NEWNS) != 0 || ::mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0)
-        GTEST_SKIP() << "no private mount namespace here: " << std::strerror(errno);
+// A mount namespace of this thread's own, entered before the task is made
+// (the task reads the mount table it sees then), so that nothing outside
+// sees the mounts of the test.
+struct PrivateMounts {
+    PrivateMounts() {
+        if (::unshare(CLONE_NEWNS) != 0 || ::mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0)
+            missing = std::strerror(errno);
+    }
+    std::string missing;
+};
+
+class MountTest : public PrivateMounts, public InotifyWatchTest {
+protected:
+    void SetUp() override {
+        if (!missing.empty()) GTEST_SKIP() << "no private mount namespace here: " << missing;
+        InotifyWatchTest::SetUp();
+    }
+    void TearDown() override {
+        for (auto it = mounted.rbegin(); it != mounted.rend(); ++it)
+            ::umount2(it->c_str(), MNT_DETACH);
+        if (missing.empty()) InotifyWatchTest::TearDown();
+    }
+    void Mount(const std::string& point) {
+        if (!std::filesystem::exists(point)) MakeDir(point);
+        ASSERT_EQ(0, ::mount("fn_test", point.c_str(), "tmpfs", 0, "size=1m")) << std::strerror(errno);
+        mounted.push_back(point);
+        MakeDir(point + "/inside");
+    }
+    std::vector<std::string> mounted;
+};
+
+// One mount below a watched tree, one that is a watched root: an unmount is
+// told and what lies underneath is watched; a new mount is watched too.
+TEST_F(MountTest, UnmountsAreToldAndWhatComesIntoViewIsWatched) {
     TestUtil::TempDir other;
     const std::string inTree = dir / "m";
     const std::string root = other / "m";
-    for (const std::string& mountPoint : {inTree, root}) {
-        MakeDir(mountPoint);
-        ASSERT_EQ(0, ::mount("fn_test", mountPoint.c_str(), "tmpfs", 0, "size=1m")) << std::strerror(errno);
-        MakeDir(mountPoint + "/inside");
-    }
-    TestUtil::AtScopeEnd unmount([&] {
-        for (const std::string& mountPoint : {inTree, root})
-            ::umount2(mountPoint.c_str(), MNT_DETACH);
-    });
+    Mount(inTree);
+    Mount(root);
     ASSERT_GT(Add(*a, dir.path(), IN_CREATE, true), 0);
     ASSERT_GT(Add(*b, root, IN_CREATE, false), 0);
     Touch(inTree + "/inside/x");
     Settle(dir.path());
-    for (const std::string& mountPoint : {inTree, root})
-        ASSERT_EQ(0, ::umount2(mountPoint.c_str(), 0)) << std::strerror(errno);
+    for (const std::string& point : {inTree, root})
+        ASSERT_EQ(0, ::umount2(point.c_str(), 0)) << std::strerror(errno);
     Touch(inTree + "/under");
     Settle(dir.path());
-    const auto summary = a->Summary();
+    auto summary = a->Summary();
     for (const std::string& expected : {inTree + "/inside/x 0x100", inTree + " 0x40002000", inTree + "/under 0x100"})
         EXPECT_NE(std::find(summary.begin(), summary.end(), expected), summary.end()) << expected;
     // The root was the mount: told, and watched again at once, underneath.
@@ -344,6 +368,28 @@ TEST_F(InotifyWatchTest, AnUnmountIsToldAndTheFolderUnderneathIsWatched) {
     Pump();
     ASSERT_TRUE(b->WaitFor(2));
     EXPECT_EQ(root + "/later 0x100", b->Summary().back());
+
+    // Mounted again, with no inotify event for it: the mount table tells.
+    Mount(inTree);
+    Mount(root);
+    Pump();
+    Touch(inTree + "/inside/y");
+    Touch(root + "/z");
+    Settle(dir.path());
+    summary = a->Summary();
+    EXPECT_NE(std::find(summary.begin(), summary.end(), inTree + "/inside/y 0x100"), summary.end());
+    ASSERT_TRUE(b->WaitFor(3));
+    EXPECT_EQ(root + "/z 0x100", b->Summary().back());
+}
+
+TEST(FileNotifyMountWatch, ReadsMountPointsAsTheKernelEscapesThem) {
+    const std::string table =
+        "22 1 8:1 / / rw,relatime shared:1 - ext4 /dev/sda1 rw\n"
+        "40 22 0:35 / /srv/with\\040blank\\134x rw - tmpfs fn rw\n"
+        "41 22 0:36 / /srv/odd\\04 rw - tmpfs fn rw\n"
+        "short line\n";
+    EXPECT_EQ((std::set<std::string>{"/", "/srv/with blank\\x/", "/srv/odd\\04/"}),
+              Engine::FileNotifyMountWatch::Parse(table));
 }
 
 }  // namespace

@@ -38,12 +38,16 @@ private:
 // never outlives its registration. Destroy it on the waiter's thread.
 class FRAMEWORK_API Event {
 public:
-    Event(EventCallbackBase* callback, void* arg, int fd);
+    // readiness: the epoll bits to wait for; EPOLLIN (1) by default. A file
+    // that is always readable and tells news otherwise (/proc/self/mountinfo
+    // sets EPOLLPRI) waits for those bits alone.
+    Event(EventCallbackBase* callback, void* arg, int fd, unsigned int readiness = 1U);
     virtual ~Event();
     Event(const Event&) = delete;
     Event& operator=(const Event&) = delete;
 
     int GetFd() const { return _fd; }
+    unsigned int GetReadiness() const { return _readiness; }
     void* GetArg() const { return _arg; }
     int Invoke(unsigned int events);
     // Stops or resumes the readiness reports of the waiter it is registered
@@ -56,6 +60,7 @@ private:
     EventCallbackBase* _callback;
     void* _arg;
     int _fd;
+    unsigned int _readiness;
     EventWaiter* _waiter = nullptr;
 };
 

@@ -5,6 +5,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdint>
 #include <cstring>
@@ -257,9 +258,11 @@ int FileInotify::AddSubFolderWatch(const std::string& path, unsigned int mask, _
     // this instance: a link back to it must not rename the root's events.
     if (_watchItemMap.count(wd) != 0) return 0;
     // The path known under another descriptor: that folder was replaced
-    // while its events were lost (an overflow), its watch is gone.
+    // while its events were lost (an overflow), its watch is gone, or it is
+    // covered by a mount, and the watch on the folder underneath goes.
     auto known = _subFolderMap.find(path);
     if (known != _subFolderMap.end() && known->second != wd) {
+        RemoveWatchImpl(known->second);
         _watchSubItemMap.erase(known->second);
         _subFolderMap.erase(known);
     }
@@ -599,15 +602,33 @@ bool FileInotify::IsStillWatched(const _WatchItem& item) const {
 void FileInotify::QueueResync() {
     for (const auto& entry : _watchItemMap) {
         FN_CPU_YIELD();
-        _WatchItem* item = entry.second.get();
-        _RefreshWatchItem& refresh = RefreshItemOf(item);
-        if (!IsStillWatched(*item)) {
-            refresh.reCreateWatch = true;
-        } else if (item->watchChildFolder && !item->isFile) {
-            refresh.addSubWatch = true;
-            refresh.addSubFolders.insert(item->path.back() == '/' ? item->path : item->path + "/");
-        }
+        QueueResync(*entry.second);
     }
+}
+
+void FileInotify::QueueResync(_WatchItem& item) {
+    _RefreshWatchItem& refresh = RefreshItemOf(&item);
+    if (!IsStillWatched(item)) {
+        refresh.reCreateWatch = true;
+    } else if (item.watchChildFolder && !item.isFile) {
+        refresh.addSubWatch = true;
+        refresh.addSubFolders.insert(item.path.back() == '/' ? item.path : item.path + "/");
+    }
+}
+
+int FileInotify::ResyncUnder(const std::vector<std::string>& mountPoints, InotifyCallback callback, void* data) {
+    bool queued = false;
+    for (const auto& entry : _watchItemMap) {
+        const std::string root = entry.second->path.back() == '/' ? entry.second->path : entry.second->path + "/";
+        const bool touched = std::any_of(mountPoints.begin(), mountPoints.end(), [&](const std::string& point) {
+            return FileNotifyUtils::HasPrefix(point, root) || FileNotifyUtils::HasPrefix(root, point);
+        });
+        if (!touched) continue;
+        FN_LOG(LOG_DEBUG, "a mount changed at or below %s: looked at again", root);
+        QueueResync(*entry.second);
+        queued = true;
+    }
+    return queued ? RefreshWatch(callback, data) : 0;
 }
 
 int FileInotify::RefreshWatch(InotifyCallback callback, void* data) {
@@ -641,14 +662,14 @@ int FileInotify::RefreshWatch(InotifyCallback callback, void* data) {
         if (RefreshAddSubWatch(refresh) != 0) FN_LOG(LOG_ERROR, "call AddSubWatch failed");
         for (const auto& [folder, oldWd] : known) {
             auto now = _subFolderMap.find(folder);
-            if (now != _subFolderMap.end() && now->second != oldWd) ReportFound(folder, refresh->rootWd, 1, callback, data);
+            if (now != _subFolderMap.end() && now->second != oldWd)
+                ReportFound(folder, refresh->rootWd, 1, callback, data);
         }
     }
     return 0;
 }
 
-void FileInotify::ReportFound(const std::string& folder, int rootWd, int depth, InotifyCallback callback,
-                              void* data) {
+void FileInotify::ReportFound(const std::string& folder, int rootWd, int depth, InotifyCallback callback, void* data) {
     auto root = _watchItemMap.find(rootWd);
     if (depth > kMaxTraverseDepth || root == _watchItemMap.end()) return;
     _WatchItem* item = root->second.get();

@@ -150,6 +150,9 @@ public:
     // After an overflow: every root whose watch is gone is made again, and
     // every tree is walked again for the folders that came meanwhile.
     void QueueResync();
+    // The mounts at these points (folders, ending in "/") came or went: the
+    // roots at, above or around them are checked and walked again at once.
+    int ResyncUnder(const std::vector<std::string>& mountPoints, InotifyCallback callback, void* data);
     int RefreshWatch(InotifyCallback callback, void* data);
     int RefreshAddSubWatch(_RefreshWatchItem* refreshItem);
     int RefreshRemoveSubWatch(const _RefreshWatchItem* refreshItem);
@@ -163,6 +166,9 @@ private:
     bool WaitReadable(std::chrono::steady_clock::time_point end) const;
     _RefreshWatchItem& RefreshItemOf(_WatchItem* item);
     bool IsStillWatched(const _WatchItem& item) const;
+    // Queues the root's re-creation when its path names another folder now,
+    // else a walk of its tree for folders not watched yet.
+    void QueueResync(_WatchItem& item);
     // Removes the kernel watches of a failed add, last first; newRootWd (0:
     // none) is the root the add made.
     void Undo(const std::vector<int>& placed, int newRootWd);

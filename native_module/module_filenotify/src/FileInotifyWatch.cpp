@@ -130,6 +130,14 @@ int FileInotifyWatch::ReadEvents(int fd, char* buffer, int length) {
     return result;
 }
 
+void FileInotifyWatch::ResyncUnder(const std::vector<std::string>& mountPoints, char* buffer, int length) {
+    for (FileInotify* instance : {singleFileInotify.get(), fullFileInotify.get()}) {
+        // An unmount's own events come first: they tell the consumers.
+        instance->ReadEvents(buffer, length, &FileInotifyWatch::DoEventCallback, this);
+        instance->ResyncUnder(mountPoints, &FileInotifyWatch::DoEventCallback, this);
+    }
+}
+
 int FileInotifyWatch::ChangeToPendingWatch(FileNotifyTask* task, int fd, int wd, std::string& filePath) {
     FileNotifyWatchData::WatchItemList records;
     notifyWatchData.GetWatchItemList(fd, wd, records);

@@ -59,6 +59,9 @@ public:
     // Reads and delivers the events of descriptor fd into buffer (capacity
     // length). 0, the instance's error, or 1 when fd is none of ours.
     virtual int ReadEvents(int fd, char* buffer, int length);
+    // Mounts came or went at these points: both instances read what they
+    // have (into buffer) and look again.
+    void ResyncUnder(const std::vector<std::string>& mountPoints, char* buffer, int length);
 
     // Turns the records on (fd, wd) into pending watches at task; filePath
     // receives their path. Always 0.

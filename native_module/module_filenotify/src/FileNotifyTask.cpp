@@ -1,5 +1,7 @@
 #include "FileNotifyTask.h"
 
+#include <sys/epoll.h>
+
 #include <sys/inotify.h>
 
 #include <algorithm>
@@ -32,6 +34,15 @@ int FileNotifyTask::Init() {
     if (fileFanotifyWatch.AddEventsWatch(this, &FileNotifyTask::FanotifyEventAction) != 0) {
         FN_LOG(LOG_ERROR, "fileFanotifyWatch.AddEventsWatch failed");
     }
+    if (mountWatch.GetFd() >= 0) {
+        mountEvent = std::make_unique<Framework::Event>(
+            new Framework::EventCallback<FileNotifyTask>(this, &FileNotifyTask::MountEventAction), nullptr,
+            mountWatch.GetFd(), static_cast<unsigned int>(EPOLLPRI));
+        if (GetEventWaiter().AddEvent(mountEvent.get()) != 0) {
+            FN_LOG(LOG_WARNING, "mounts are not followed: the mount table cannot be watched");
+            mountEvent.reset();
+        }
+    }
     return Framework::Task::Init();
 }
 
@@ -41,6 +52,7 @@ void FileNotifyTask::cancel() {
 }
 
 void FileNotifyTask::UnInit() {
+    mountEvent.reset();
     // Nobody answers permission events once the loop has ended: close the
     // groups now so that no process waits for this object's destruction.
     fileFanotifyWatch.CloseInstances();
@@ -58,6 +70,14 @@ int FileNotifyTask::InotifyEventAction(int fd, unsigned int /*events*/, void* /*
 int FileNotifyTask::FanotifyEventAction(int fd, unsigned int /*events*/, void* /*arg*/) {
     alignas(8) char buffer[kEventReadBufferSize];
     fileFanotifyWatch.ReadEvents(fd, buffer, eventBufferSize);
+    flowControl.WakeConsumers();
+    return 0;
+}
+
+int FileNotifyTask::MountEventAction(int /*fd*/, unsigned int /*events*/, void* /*arg*/) {
+    const std::vector<std::string> changed = mountWatch.TakeChanges();
+    alignas(struct inotify_event) char buffer[kEventReadBufferSize];
+    if (!changed.empty()) fileInotifyWatch.ResyncUnder(changed, buffer, eventBufferSize);
     flowControl.WakeConsumers();
     return 0;
 }

@@ -8,8 +8,10 @@
 #include "FileFanotifyWatch.h"
 #include "FileInotifyWatch.h"
 #include "FileNotifyFlowControl.h"
+#include "FileNotifyMountWatch.h"
 #include "FileNotifyOpt.h"
 #include "FileNotifyWatchService.h"
+#include "framework/Event.h"
 #include "framework/Task.h"
 
 namespace Engine {
@@ -49,6 +51,9 @@ public:
     // Event waiter callbacks: drain the ready descriptor of either engine.
     int InotifyEventAction(int fd, unsigned int events, void* arg);
     int FanotifyEventAction(int fd, unsigned int events, void* arg);
+    // The mount table changed: trees at or around the changed mount points
+    // are looked at again.
+    int MountEventAction(int fd, unsigned int events, void* arg);
 
     // Registers watcher as the receiver of file events for taskId. A null
     // watcher is logged and not reported as failure.
@@ -112,6 +117,8 @@ private:
     FileNotifyFlowControl flowControl;
     FileInotifyWatch fileInotifyWatch;
     FileFanotifyWatch fileFanotifyWatch;
+    FileNotifyMountWatch mountWatch;
+    std::unique_ptr<Framework::Event> mountEvent;  // before mountWatch goes: its descriptor
     std::list<std::unique_ptr<_PendingWatchItem>> pendingWatchList;
     bool timerSuspended = false;
     int bulkMsgCount = 128;
