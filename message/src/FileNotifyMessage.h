@@ -7,6 +7,7 @@
 #include <utility>
 
 #include "FileNotifyExport.h"
+#include "FileNotifyMask.h"
 #include "FileNotifyPermitAnswer.h"
 #include "framework/Message.h"
 
@@ -27,13 +28,13 @@ public:
     // From the kernel: its queue overflowed, the number lost is unknown
     // (GetLostCount 0). From the module: this consumer did not read for too
     // long and GetLostCount events meant for it were dropped.
-    static constexpr unsigned int kOverflowMask = 0x4000;
+    static constexpr unsigned int kOverflowMask = FileNotifyMask::kOverflow;
     // Masks of a permit watch report, sent asynchronously with notify type 2
     // and the watched path as both path and watch file. Lost (as
     // FAN_DELETE_SELF): the guarded folder was deleted; the watch waits until
     // the path exists again. Back (as FAN_CREATE): the path is guarded (again).
-    static constexpr unsigned int kPermitWatchLostMask = 0x400;
-    static constexpr unsigned int kPermitWatchBackMask = 0x100;
+    static constexpr unsigned int kPermitWatchLostMask = FileNotifyMask::kDeleteSelf;
+    static constexpr unsigned int kPermitWatchBackMask = FileNotifyMask::kCreate;
 
     FileNotifyMessage(int notifyType, const std::string& path, unsigned int mask);
     ~FileNotifyMessage() override;

@@ -142,7 +142,8 @@ bool FileInotify::GetSubFloderList(std::vector<std::string>& list, const std::st
 }
 
 int FileInotify::AddWatch(const std::string& path, unsigned int mask, int& watchId, const _FileNotifyOpt& opt) {
-    return AddWatch(path, mask, watchId, opt.watchChildFolder, opt.watchSymLink, SDK::FileUtils::IsFile(path));
+    // Anything but a folder (a FIFO, socket or device too) is watched as a file.
+    return AddWatch(path, mask, watchId, opt.watchChildFolder, opt.watchSymLink, !SDK::DirUtils::IsDir(path));
 }
 
 int FileInotify::AddWatch(const std::string& path, unsigned int mask, int& watchId, bool watchChildFolder,
