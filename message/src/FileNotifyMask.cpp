@@ -11,25 +11,40 @@ using M = FileNotifyMask;
 
 // The table is written out in numbers so that consumers need no kernel
 // header; the build checks them against the kernel's.
-static_assert(M::kAccess == IN_ACCESS && M::kAccess == FAN_ACCESS);
-static_assert(M::kModify == IN_MODIFY && M::kModify == FAN_MODIFY);
+static_assert(M::kAccess == IN_ACCESS);
+static_assert(M::kAccess == FAN_ACCESS);
+static_assert(M::kModify == IN_MODIFY);
+static_assert(M::kModify == FAN_MODIFY);
 static_assert(M::kAttrib == IN_ATTRIB);
-static_assert(M::kCloseWrite == IN_CLOSE_WRITE && M::kCloseWrite == FAN_CLOSE_WRITE);
-static_assert(M::kCloseNowrite == IN_CLOSE_NOWRITE && M::kCloseNowrite == FAN_CLOSE_NOWRITE);
-static_assert(M::kOpen == IN_OPEN && M::kOpen == FAN_OPEN);
-static_assert(M::kMovedFrom == IN_MOVED_FROM && M::kMovedTo == IN_MOVED_TO);
-static_assert(M::kCreate == IN_CREATE && M::kDelete == IN_DELETE);
-static_assert(M::kDeleteSelf == IN_DELETE_SELF && M::kMoveSelf == IN_MOVE_SELF);
+static_assert(M::kCloseWrite == IN_CLOSE_WRITE);
+static_assert(M::kCloseWrite == FAN_CLOSE_WRITE);
+static_assert(M::kCloseNowrite == IN_CLOSE_NOWRITE);
+static_assert(M::kCloseNowrite == FAN_CLOSE_NOWRITE);
+static_assert(M::kOpen == IN_OPEN);
+static_assert(M::kOpen == FAN_OPEN);
+static_assert(M::kMovedFrom == IN_MOVED_FROM);
+static_assert(M::kMovedTo == IN_MOVED_TO);
+static_assert(M::kCreate == IN_CREATE);
+static_assert(M::kDelete == IN_DELETE);
+static_assert(M::kDeleteSelf == IN_DELETE_SELF);
+static_assert(M::kMoveSelf == IN_MOVE_SELF);
 static_assert(M::kInotifyEvents == IN_ALL_EVENTS);
 static_assert(M::kOpenExec == FAN_OPEN_EXEC);
-static_assert(M::kOpenPermission == FAN_OPEN_PERM && M::kAccessPermission == FAN_ACCESS_PERM);
+static_assert(M::kOpenPermission == FAN_OPEN_PERM);
+static_assert(M::kAccessPermission == FAN_ACCESS_PERM);
 static_assert(M::kOpenExecPermission == FAN_OPEN_EXEC_PERM);
-static_assert(M::kUnmount == IN_UNMOUNT && M::kIgnored == IN_IGNORED);
-static_assert(M::kOverflow == IN_Q_OVERFLOW && M::kOverflow == FAN_Q_OVERFLOW);
-static_assert(M::kOnlyDir == IN_ONLYDIR && M::kDontFollow == IN_DONT_FOLLOW);
-static_assert(M::kExclUnlink == IN_EXCL_UNLINK && M::kEventOnChild == FAN_EVENT_ON_CHILD);
-static_assert(M::kMaskAdd == IN_MASK_ADD && M::kOneShot == IN_ONESHOT);
-static_assert(M::kOnDirectory == IN_ISDIR && M::kOnDirectory == FAN_ONDIR);
+static_assert(M::kUnmount == IN_UNMOUNT);
+static_assert(M::kIgnored == IN_IGNORED);
+static_assert(M::kOverflow == IN_Q_OVERFLOW);
+static_assert(M::kOverflow == FAN_Q_OVERFLOW);
+static_assert(M::kOnlyDir == IN_ONLYDIR);
+static_assert(M::kDontFollow == IN_DONT_FOLLOW);
+static_assert(M::kExclUnlink == IN_EXCL_UNLINK);
+static_assert(M::kEventOnChild == FAN_EVENT_ON_CHILD);
+static_assert(M::kMaskAdd == IN_MASK_ADD);
+static_assert(M::kOneShot == IN_ONESHOT);
+static_assert(M::kOnDirectory == IN_ISDIR);
+static_assert(M::kOnDirectory == FAN_ONDIR);
 static_assert((M::kEventBits & (M::kStatusBits | M::kOnDirectory | M::kEventOnChild)) == 0);
 
 const std::vector<FileNotifyMask::_Name>& FileNotifyMask::Table() {

@@ -1,4 +1,9 @@
+#include <sys/inotify.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
 #include <atomic>
+#include <cerrno>
 #include <chrono>
 #include <string>
 #include <vector>
@@ -10,6 +15,7 @@
 #include "FileNotifyLog.h"
 #include "FileNotifyMessage.h"
 #include "FileNotifyTask.h"
+#include "FileNotifyWatchMessage.h"
 #include "LogCapture.h"
 #include "RecordingConsumer.h"
 #include "TestUtil.h"
@@ -30,4 +36,49 @@ TEST(FileNotifyTask, StopsPromptlyDuringItsLongWait) {
     runner.Stop();
     EXPECT_LT(steady_clock::now() - start, milliseconds(2000));
     EXPECT_EQ(Poco::Task::TASK_FINISHED, task->state());
+}
+
+// Handled on this thread, whose bypasses are lowered: a path that cannot come
+// into existence as written is refused once with its reason and never waits;
+// a missing one waits.
+TEST(FileNotifyTask, RequestsForPathsThatCanNeverBeWatchedAreRefused) {
+    TestUtil::TempDir dir;
+    TestUtil::MakeDir(dir / "locked");
+    ASSERT_EQ(0, ::chmod((dir / "locked").c_str(), 0));
+    ASSERT_EQ(0, ::symlink((dir / "loop").c_str(), (dir / "loop").c_str()));
+    Poco::AutoPtr<Engine::FileNotifyTask> task(new Engine::FileNotifyTask());
+    Poco::AutoPtr<RecordingConsumer> consumer(new RecordingConsumer());
+    TestUtil::LogCapture log(Engine::FileNotifyUtils::GetLoggerPtr());
+    TestUtil::DropPermissionBypass asUnprivileged;
+    struct stat status {};
+    if (::stat((dir / "locked/x").c_str(), &status) == 0 || errno != EACCES) {
+        GTEST_SKIP() << "mode 000 does not stop a search here";
+    }
+    const struct {
+        std::string path;
+        const char* said;  // empty: kept pending
+    } cases[] = {
+        {"", "m_filePath is empty"},
+        {dir / std::string(4100, 'a'), "longer than PATH_MAX"},
+        {dir / std::string(300, 'n'), "longer than NAME_MAX"},
+        {dir / "locked/x", "may not be searched"},
+        {dir / "loop/x", "links loop"},
+        {dir / "later/x", ""},
+    };
+    Engine::_FileNotifyOpt opt;
+    opt.inotifyOnly = true;
+    for (const auto& c : cases) {
+        const std::size_t pending = task->GetPendingWatchList().size();
+        const long errors = log.Count(Engine::LOG_ERROR);
+        Engine::FileNotifyWatchMessage request(consumer.get(), c.path, {IN_CREATE}, opt);
+        EXPECT_EQ(1, request.MessageHandle(static_cast<Framework::Task*>(task.get()))) << c.said;
+        EXPECT_EQ("-1", request.GetMsgReply()) << c.said;
+        const bool refused = *c.said != '\0';
+        EXPECT_EQ(pending + (refused ? 0 : 1), task->GetPendingWatchList().size()) << c.said;
+        ASSERT_EQ(errors + (refused ? 1 : 0), log.Count(Engine::LOG_ERROR)) << c.said << "\n" << log.Dump();
+        if (refused) {
+            EXPECT_NE(std::string::npos, log.Texts(Engine::LOG_ERROR).back().find(c.said)) << log.Dump();
+        }
+    }
+    ::chmod((dir / "locked").c_str(), 0755);
 }
