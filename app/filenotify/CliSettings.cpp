@@ -1,14 +1,14 @@
 #include "CliSettings.h"
 
 #include "EventNames.h"
-#include "FileNotifyWatchMessage.h"
+#include "FileNotifyMask.h"
 
 namespace FileNotifyCli {
 
 namespace {
 
-constexpr unsigned int kAccess = 0x1;
-constexpr unsigned int kOpen = 0x20;
+constexpr unsigned int kAccess = Engine::FileNotifyMask::kAccess;
+constexpr unsigned int kOpen = Engine::FileNotifyMask::kOpen;
 
 }  // namespace
 
@@ -16,7 +16,7 @@ unsigned int CliSettings::RequestMask() const {
     if (mode == Mode::Guard) return events != 0 ? (events & (kAccess | kOpen)) : kOpen;
     const unsigned int mask = events != 0 ? events : DefaultWatchMask();
     // Fanotify reports folder events only with the folder bit; inotify sets it itself.
-    return process ? (mask | Engine::FileNotifyWatchMessage::kOnDirectory) : mask;
+    return process ? (mask | Engine::FileNotifyMask::kOnDirectory) : mask;
 }
 
 Engine::_FileNotifyOpt CliSettings::RequestOptions() const {

@@ -4,30 +4,22 @@
 #include <Poco/String.h>
 #include <Poco/StringTokenizer.h>
 
+#include "FileNotifyMask.h"
+
 namespace FileNotifyCli {
 
-const std::vector<EventName>& EventNameTable() {
-    // Reported names first, in bit order; aliases after them.
-    static const std::vector<EventName> table = {
-        {"access", 0x1, true},         {"modify", 0x2, true},         {"attrib", 0x4, true},
-        {"close_write", 0x8, true},    {"close_nowrite", 0x10, true}, {"open", 0x20, true},
-        {"moved_from", 0x40, true},    {"moved_to", 0x80, true},      {"create", 0x100, true},
-        {"delete", 0x200, true},       {"delete_self", 0x400, true},  {"move_self", 0x800, true},
-        {"q_overflow", 0x4000, false}, {"open_perm", 0x10000, false}, {"access_perm", 0x20000, false},
-        {"isdir", 0x40000000, false},  {"close", 0x18, true},         {"move", 0xC0, true},
-        {"all", 0xFFF, true},
-    };
-    return table;
-}
+using Engine::FileNotifyMask;
 
 unsigned int DefaultWatchMask() {
-    return 0x100 | 0x200 | 0x2 | 0x4 | 0x8 | 0x40 | 0x80 | 0x400 | 0x800;
+    return FileNotifyMask::kCreate | FileNotifyMask::kDelete | FileNotifyMask::kModify | FileNotifyMask::kAttrib |
+           FileNotifyMask::kCloseWrite | FileNotifyMask::kMove | FileNotifyMask::kDeleteSelf |
+           FileNotifyMask::kMoveSelf;
 }
 
 std::string ValidEventNames() {
     std::string valid;
-    for (const EventName& entry : EventNameTable()) {
-        if (!entry.selectable) continue;
+    for (const FileNotifyMask::_Name& entry : FileNotifyMask::Table()) {
+        if (!entry.requestable) continue;
         if (!valid.empty()) valid += ", ";
         valid += entry.name;
     }
@@ -38,11 +30,7 @@ unsigned int ParseEventNames(const std::string& list) {
     unsigned int mask = 0;
     Poco::StringTokenizer names(list, ",", Poco::StringTokenizer::TOK_TRIM | Poco::StringTokenizer::TOK_IGNORE_EMPTY);
     for (const std::string& typed : names) {
-        const std::string name = Poco::toLower(typed);
-        unsigned int bits = 0;
-        for (const EventName& entry : EventNameTable()) {
-            if (entry.selectable && name == entry.name) bits = entry.mask;
-        }
+        const unsigned int bits = FileNotifyMask::BitsOfName(Poco::toLower(typed));
         if (bits == 0)
             throw Poco::InvalidArgumentException("unknown event name '" + typed +
                                                  "'; valid names: " + ValidEventNames());
@@ -53,13 +41,7 @@ unsigned int ParseEventNames(const std::string& list) {
 }
 
 std::vector<std::string> EventNameListOf(unsigned int mask) {
-    std::vector<std::string> names;
-    for (const EventName& entry : EventNameTable()) {
-        // Single bits only: the aliases would repeat what is listed.
-        if ((entry.mask & (entry.mask - 1)) == 0 && (mask & entry.mask) != 0)
-            names.push_back(Poco::toUpper(std::string(entry.name)));
-    }
-    return names;
+    return FileNotifyMask::NamesOf(mask);
 }
 
 std::string EventNamesOf(unsigned int mask) {

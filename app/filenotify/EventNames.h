@@ -5,16 +5,8 @@
 
 namespace FileNotifyCli {
 
-// Event names and their bits, in one table: the inotify bits, which the
-// fanotify events share for access, modify, close and open, plus the flags
-// that events carry.
-struct EventName {
-    const char* name;   // lower case, as typed after -e
-    unsigned int mask;  // bits it selects or reports
-    bool selectable;    // may be typed after -e
-};
-
-const std::vector<EventName>& EventNameTable();
+// The command's side of the event names: what -e takes and how masks are
+// printed. The names and bits themselves are Engine::FileNotifyMask's table.
 
 // The default of `watch`: what changes a file or a tree.
 unsigned int DefaultWatchMask();

@@ -12,7 +12,6 @@
 
 #include "Escaping.h"
 #include "FileNotifyMessage.h"
-#include "FileNotifyWatchMessage.h"
 
 namespace FileNotifyCli {
 
@@ -43,8 +42,7 @@ WatchConsumer::WatchConsumer(const CliSettings& settings, OutputSink& output, st
       _settings(settings),
       _output(output),
       _stop(std::move(stop)),
-      _formatter(settings.json),
-      _requested(settings.RequestMask() & ~Engine::FileNotifyWatchMessage::kOnDirectory) {
+      _formatter(settings.json) {
     _buffer.reserve(kFlushBytes + 4096);
     for (const std::string& pattern : settings.deny)
         _deny.push_back(std::make_unique<Poco::Glob>(pattern));
@@ -104,11 +102,6 @@ void WatchConsumer::Stop() {
     if (_stop) _stop();
 }
 
-bool WatchConsumer::Wanted(const Engine::FileNotifyMessage& message) const {
-    if (message.GetNotifyType() == 2) return true;
-    return (message.GetEventMask() & _requested) != 0;
-}
-
 bool WatchConsumer::Denied(const Engine::FileNotifyMessage& message) {
     const std::string path = message.GetEventFilePath();
     for (const auto& glob : _deny) {
@@ -130,16 +123,15 @@ int WatchConsumer::FileNotifyMessageAction(Engine::FileNotifyMessage* message) {
         ReportLoss(*message);
         return 0;
     }
-    if (message->GetNotifyType() == 0 &&
-        (message->GetEventMask() & Engine::FileNotifyMessage::kWatchFailedMask) != 0) {
+    if (message->GetNotifyType() == 0 && (message->GetEventMask() & Engine::FileNotifyMessage::kWatchFailedMask) != 0) {
         std::string shown;
         AppendTextName(shown, message->GetEventFilePath());
-        std::cerr << "filenotify: " << shown << " exists but cannot be watched; trying again every second"
-                  << std::endl;
+        std::cerr << "filenotify: " << shown << " exists but cannot be watched; trying again every second" << std::endl;
         return 0;
     }
-    // Past --count the program is stopping: nothing more is printed.
-    if (!Wanted(*message) || CountReached()) return 0;
+    // Past --count the program is stopping: nothing more is printed. The
+    // module sends only the events that were asked for.
+    if (CountReached()) return 0;
     struct stat status {};
     const struct stat* known = nullptr;
     if (message->IsStatValid()) {

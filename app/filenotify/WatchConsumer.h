@@ -45,9 +45,6 @@ protected:
     ~WatchConsumer() override = default;
 
 private:
-    // Whether the event has a bit the user asked for; the module also
-    // reports what it needs to follow the trees.
-    bool Wanted(const Engine::FileNotifyMessage& message) const;
     bool Denied(const Engine::FileNotifyMessage& message);
     bool CountReached() const { return _settings.count > 0 && _printed >= _settings.count; }
     void Print(const Engine::FileNotifyMessage& message, const struct stat* status, const Verdict* verdict);
@@ -68,7 +65,6 @@ private:
     std::string _buffer;
     std::unique_ptr<Framework::Event> _pipeReaderGone;
     std::vector<std::unique_ptr<Poco::Glob>> _deny;  // Glob::match is not const
-    unsigned int _requested;
     long _printed = 0;
     // The permission event in hand, between its handler and HandleMsg.
     struct {

@@ -30,6 +30,7 @@
 
 #include "CliSettings.h"
 #include "EventNames.h"
+#include "FileNotifyMask.h"
 #include "FileNotifyUtils.h"
 #include "FileNotifyWatchMessage.h"
 #include "OutputSink.h"
@@ -70,6 +71,15 @@ std::string AbsolutePath(const std::string& base, const std::string& path) {
     while (normal.size() > 1 && normal.back() == '/')
         normal.pop_back();
     return normal;
+}
+
+// A path for a message: quoted when empty, its start only when it is too
+// long to read.
+std::string Shown(const std::string& path) {
+    constexpr std::size_t kShownBytes = 120;
+    if (path.empty()) return "''";
+    if (path.size() <= kShownBytes) return path;
+    return path.substr(0, kShownBytes) + "...";
 }
 
 // Why fanotify cannot be used here, or empty when it can.
@@ -233,7 +243,9 @@ int FileNotifyApp::CheckArguments(const std::vector<std::string>& args) {
     if (!guard && (!_settings.deny.empty() || !_settings.denyExe.empty() || _settings.dryRun)) {
         return Usage("--deny, --deny-exe and --dry-run belong to guard");
     }
-    if (guard && (_settings.events & ~0x21U) != 0) return Usage("guard reports open and access only");
+    if (guard && (_settings.events & ~(Engine::FileNotifyMask::kOpen | Engine::FileNotifyMask::kAccess)) != 0) {
+        return Usage("guard reports open and access only");
+    }
     // Against the folder it was started in: --daemon moves to "/" before this.
     const auto absolute = [this](const std::string& path) { return AbsolutePath(_startDir, path); };
     for (std::size_t i = 1; i < args.size(); ++i)
@@ -271,11 +283,22 @@ int FileNotifyApp::WatchAll(Framework::ModuleHost& host, WatchConsumer& consumer
         const int result = consumer.SyncSendMsg(moduleId, "f", request, reply, 10000, 1);
         if (result == 0 && reply != "-1") {
             ++watched;
-        } else if (!Engine::FileNotifyUtils::IsExistFilePath(path)) {
-            ++pending;
-            std::cerr << "filenotify: " << path << " does not exist yet; it is watched when it appears" << std::endl;
-        } else {
-            std::cerr << "filenotify: cannot watch " << path << ": " << tap.Explain() << std::endl;
+            continue;
+        }
+        // The module's own test: a refused path was not kept pending.
+        std::string reason;
+        switch (Engine::FileNotifyUtils::CheckWatchPath(path, reason)) {
+            case Engine::FileNotifyUtils::PathCheck::Missing:
+                ++pending;
+                std::cerr << "filenotify: " << path << " does not exist yet; it is watched when it appears"
+                          << std::endl;
+                break;
+            case Engine::FileNotifyUtils::PathCheck::Refused:
+                std::cerr << "filenotify: cannot watch " << Shown(path) << ": " << reason << std::endl;
+                break;
+            case Engine::FileNotifyUtils::PathCheck::Exists:
+                std::cerr << "filenotify: cannot watch " << path << ": " << tap.Explain() << std::endl;
+                break;
         }
     }
     std::cerr << "filenotify: watching " << watched << " path" << (watched == 1 ? "" : "s") << " (" << pending

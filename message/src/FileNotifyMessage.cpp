@@ -8,11 +8,6 @@
 
 namespace Engine {
 
-namespace {
-// The moved-from and moved-to bits of inotify: a merged move carries both.
-constexpr unsigned int kMoveEventBits = 0x40 | 0x80;
-}  // namespace
-
 FileNotifyMessage::FileNotifyMessage(int notifyType, const std::string& path, unsigned int mask)
     : Framework::Message("filenotify"),
       m_filePath(FormatFolderName(path)),
@@ -42,7 +37,7 @@ void FileNotifyMessage::SetProcess(unsigned int pid, const std::string& process)
 }
 
 void FileNotifyMessage::SetMoveEvent(const std::string& movetoFile) {
-    m_eventMask |= kMoveEventBits;
+    m_eventMask |= FileNotifyMask::kMove;  // a merged move carries both halves
     m_movetoFile = FormatFolderName(movetoFile);
 }
 

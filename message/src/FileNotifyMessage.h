@@ -7,6 +7,7 @@
 #include <utility>
 
 #include "FileNotifyExport.h"
+#include "FileNotifyMask.h"
 #include "FileNotifyPermitAnswer.h"
 #include "framework/Message.h"
 
@@ -27,19 +28,19 @@ public:
     // From the kernel: its queue overflowed, the number lost is unknown
     // (GetLostCount 0). From the module: this consumer did not read for too
     // long and GetLostCount events meant for it were dropped.
-    static constexpr unsigned int kOverflowMask = 0x4000;
+    static constexpr unsigned int kOverflowMask = FileNotifyMask::kOverflow;
     // Masks of a permit watch report, sent asynchronously with notify type 2
     // and the watched path as both path and watch file. Lost (as
     // FAN_DELETE_SELF): the guarded folder was deleted; the watch waits until
     // the path exists again. Back (as FAN_CREATE): the path is guarded (again).
-    static constexpr unsigned int kPermitWatchLostMask = 0x400;
-    static constexpr unsigned int kPermitWatchBackMask = 0x100;
+    static constexpr unsigned int kPermitWatchLostMask = FileNotifyMask::kDeleteSelf;
+    static constexpr unsigned int kPermitWatchBackMask = FileNotifyMask::kCreate;
     // Mask of a watch failure report (as IN_IGNORED), notify type 0, the
     // path as both path and watch file, watch id -1: the path exists but
     // could not be watched (again); the watch stays pending and is tried
     // again about once a second, and comes back as if the path had just
     // appeared.
-    static constexpr unsigned int kWatchFailedMask = 0x8000;
+    static constexpr unsigned int kWatchFailedMask = FileNotifyMask::kIgnored;
 
     FileNotifyMessage(int notifyType, const std::string& path, unsigned int mask);
     ~FileNotifyMessage() override;

@@ -11,10 +11,10 @@ namespace Engine {
 
 namespace {
 
-constexpr unsigned int kAccess = 0x1;
-constexpr unsigned int kOpen = 0x20;
-constexpr unsigned int kOpenPermission = 0x10000;
-constexpr unsigned int kAccessPermission = 0x20000;
+constexpr unsigned int kAccess = FileNotifyMask::kAccess;
+constexpr unsigned int kOpen = FileNotifyMask::kOpen;
+constexpr unsigned int kOpenPermission = FileNotifyMask::kOpenPermission;
+constexpr unsigned int kAccessPermission = FileNotifyMask::kAccessPermission;
 
 }  // namespace
 
@@ -85,12 +85,20 @@ int FileNotifyWatchMessage::MessageHandle(void* task) {
         FN_LOG(LOG_ERROR, "m_filePath is empty");
         return 1;
     }
-    const bool exists = FileNotifyUtils::IsExistFilePath(m_filePath);
+    std::string reason;
+    const FileNotifyUtils::PathCheck check = FileNotifyUtils::CheckWatchPath(m_filePath, reason);
+    const bool exists = check == FileNotifyUtils::PathCheck::Exists;
     if (exists) {
         m_filePath = FileNotifyUtils::FormatFolderName(m_filePath);
         m_opt.timerFound = false;
     }
+    // A watch made before its folder was locked may still be removed.
     if (m_opt.remove) return MessageRemoveWatchHandle(service);
+    // Pending would be for ever: the path cannot come into existence as it is.
+    if (check == FileNotifyUtils::PathCheck::Refused) {
+        FN_LOG(LOG_ERROR, "watch request refused, filePath=%s: %s", m_filePath, reason);
+        return 1;
+    }
     if (service->AddFileNotifyMsgConsumer(m_taskId, m_sender) != 0) {
         FN_LOG(LOG_ERROR, "Task::AddFileNotifyMsgConsumer failed");
     }

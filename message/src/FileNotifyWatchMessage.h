@@ -4,6 +4,7 @@
 #include <vector>
 
 #include "FileNotifyExport.h"
+#include "FileNotifyMask.h"
 #include "FileNotifyOpt.h"
 #include "framework/Message.h"
 
@@ -23,12 +24,12 @@ class FileNotifyWatchService;
 // sender for file events, splits the masks between fanotify (the bits it can
 // report, with the acting process) and inotify (all others), and adds, keeps
 // pending or removes the watch. The reply string is the watch id made, "-1"
-// for a pending or failed watch.
+// for a pending, refused or failed watch.
 class FILENOTIFY_API FileNotifyWatchMessage : public Framework::Message {
 public:
-    static constexpr unsigned int kFanotifyBits = 0x4003003B;
-    static constexpr unsigned int kInotifyBits = 0xBFFCFFC4;
-    static constexpr unsigned int kOnDirectory = 0x40000000;
+    static constexpr unsigned int kFanotifyBits = FileNotifyMask::kFanotifyRequestBits;
+    static constexpr unsigned int kInotifyBits = FileNotifyMask::kInotifyRequestBits;
+    static constexpr unsigned int kOnDirectory = FileNotifyMask::kOnDirectory;
 
     // The add request (a remove request after setRemoveWatchMessage).
     FileNotifyWatchMessage(Framework::Task* sender, const std::string& path, const std::vector<unsigned int>& masks,
@@ -38,7 +39,9 @@ public:
     ~FileNotifyWatchMessage() override;
 
     // task: the module's Framework::Task*. The request's result; 1 for an
-    // empty path or a task that serves no watch requests.
+    // empty path or a task that serves no watch requests, and for an add
+    // request whose path FileNotifyUtils::CheckWatchPath refuses (logged
+    // once with the reason; nothing is kept pending).
     int MessageHandle(void* task) override;
 
     void setAddWatchMessage() { m_opt.remove = false; }

@@ -2,6 +2,9 @@
 #include <poll.h>
 #include <signal.h>
 #include <sys/prctl.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/un.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -375,6 +378,45 @@ TEST(FilenotifyCli, BadInputExitsWithItsCodeAndOneLine) {
         EXPECT_EQ(3, refused.Exit()) << args[0];
         EXPECT_NE(std::string::npos, refused.Stderr().find("needs CAP_SYS_ADMIN")) << refused.Stderr();
     }
+}
+
+// Paths that no creation could make watchable are refused with the reason,
+// not kept pending; with nothing watched the program ends with 1. A FIFO, a
+// socket and a device are watched as the files they are, also with -r.
+TEST(FilenotifyCli, BadPathsAreRefusedAndSpecialFilesAreWatchedAsFiles) {
+    Cli refused({"watch", "", "/tmp/" + std::string(4200, 'x')});
+    EXPECT_EQ(1, refused.Exit());
+    const std::string said = refused.Stderr();
+    EXPECT_NE(std::string::npos, said.find("filenotify: cannot watch '': an empty path names nothing")) << said;
+    EXPECT_NE(std::string::npos, said.find("bytes long, longer than PATH_MAX")) << said;
+    EXPECT_NE(std::string::npos, said.find("watching 0 paths (0 pending)")) << said;
+
+    TestUtil::TempDir dir;
+    ASSERT_EQ(0, ::mkfifo((dir / "fifo").c_str(), 0644));
+    const int listening = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    sockaddr_un address{};
+    address.sun_family = AF_UNIX;
+    const std::string socketPath = dir / "sock";
+    ASSERT_LT(socketPath.size(), sizeof address.sun_path);
+    socketPath.copy(address.sun_path, socketPath.size());
+    ASSERT_EQ(0, ::bind(listening, reinterpret_cast<sockaddr*>(&address), sizeof address));
+    const TestUtil::AtScopeEnd closeSocket([&] { ::close(listening); });
+
+    Cli cli({"watch", "-r", "-e", "create,attrib", dir / "fifo", socketPath, "/dev/null"});
+    ASSERT_TRUE(cli.WaitStderr("watching 3 paths (0 pending)")) << cli.Stderr();
+    ASSERT_EQ(0, ::chmod((dir / "fifo").c_str(), 0600));
+    ASSERT_TRUE(cli.WaitLine(false, [&](const std::string& line) {
+        return line.substr(24) == "ATTRIB " + dir / "fifo";
+    })) << ::testing::PrintToString(cli.outLines);
+    std::vector<std::string> lines;
+    for (const auto& line : cli.outLines)
+        lines.push_back(line.substr(24));
+    std::sort(lines.begin(), lines.end());
+    EXPECT_EQ((std::vector<std::string>{"ATTRIB " + dir / "fifo", "CREATE /dev/null", "CREATE " + dir / "fifo",
+                                        "CREATE " + socketPath}),
+              lines);
+    cli.Signal(SIGTERM);
+    EXPECT_EQ(0, cli.Exit());
 }
 
 // Its output blocked (a full pipe nobody reads), guard still answers in

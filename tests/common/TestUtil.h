@@ -2,8 +2,10 @@
 
 #include <fcntl.h>
 #include <ftw.h>
+#include <linux/capability.h>
 #include <stdlib.h>
 #include <sys/stat.h>
+#include <sys/syscall.h>
 #include <unistd.h>
 
 #include <chrono>
@@ -119,6 +121,26 @@ private:
     std::string _path;
     int _old;
     bool _ok = false;
+};
+
+// Capabilities belong to a thread: without the permission bypasses in this
+// thread's effective set, mode bits bind under root too. Raised again at the
+// end. Threads started meanwhile keep the lowered set.
+struct DropPermissionBypass {
+    DropPermissionBypass() {
+        dropped = ::syscall(SYS_capget, &header, saved) == 0;
+        __user_cap_data_struct lowered[2] = {saved[0], saved[1]};
+        lowered[0].effective &= ~((1u << CAP_DAC_OVERRIDE) | (1u << CAP_DAC_READ_SEARCH));
+        dropped = dropped && ::syscall(SYS_capset, &header, lowered) == 0;
+    }
+    ~DropPermissionBypass() {
+        if (dropped) ::syscall(SYS_capset, &header, saved);
+    }
+    DropPermissionBypass(const DropPermissionBypass&) = delete;
+    DropPermissionBypass& operator=(const DropPermissionBypass&) = delete;
+    __user_cap_header_struct header{_LINUX_CAPABILITY_VERSION_3, 0};
+    __user_cap_data_struct saved[2]{};
+    bool dropped = false;
 };
 
 }  // namespace TestUtil

@@ -1,5 +1,10 @@
+#include <sys/inotify.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
 #include <algorithm>
 #include <atomic>
+#include <cerrno>
 #include <chrono>
 #include <filesystem>
 #include <string>
@@ -12,6 +17,7 @@
 #include "FileNotifyLog.h"
 #include "FileNotifyMessage.h"
 #include "FileNotifyTask.h"
+#include "FileNotifyWatchMessage.h"
 #include "InotifyTestUtil.h"
 #include "LogCapture.h"
 #include "RecordingConsumer.h"
@@ -35,7 +41,7 @@ TEST(FileNotifyTask, StopsPromptlyDuringItsLongWait) {
     EXPECT_EQ(Poco::Task::TASK_FINISHED, task->state());
 }
 
-// A watched root deleted and made again while its tree changes, with
+// A watched root moved away, deleted and made again while its tree changes, with
 // nothing else to turn the task's loop: watched again every time within
 // about a second (the simulated creation says so), and no kernel watch of
 // the old roots stays behind.
@@ -50,7 +56,7 @@ TEST(FileNotifyTask, ARootMadeAgainIsWatchedAgainSoonAndLeavesNothingBehind) {
     Framework::TaskRunner taskRunner(task.get());
     ASSERT_EQ(0, consumerRunner.Start());
     ASSERT_EQ(0, task->AddFileNotifyMsgConsumer(consumer->GetTaskId(), consumer.get()));
-    const unsigned int mask = IN_CREATE | IN_DELETE_SELF;
+    const unsigned int mask = IN_CREATE | IN_MOVE_SELF;
     Engine::_FileNotifyOpt opt;
     opt.watchChildFolder = true;
     opt.eventMasks = {mask};
@@ -65,16 +71,17 @@ TEST(FileNotifyTask, ARootMadeAgainIsWatchedAgainSoonAndLeavesNothingBehind) {
         return std::any_of(events.begin(), events.end(),
                            [&](const auto& e) { return e.path == rootName && e.mask == (bits | IN_ISDIR); });
     };
+    // The simulated creation of the first add, before anything is cleared.
+    ASSERT_TRUE(TestUtil::WaitUntil([&] { return seen(IN_CREATE); }));
     TestUtil::Churn churn(root);
-    for (int round = 0; round < 10; ++round) {
+    for (int round = 0; round < 5; ++round) {
         consumer->Clear();
-        // The churn may refill it between the steps of one removal.
-        ASSERT_TRUE(TestUtil::WaitUntil([&] {
-            std::error_code ignored;
-            std::filesystem::remove_all(root, ignored);
-            return !std::filesystem::exists(root);
-        }));
-        ASSERT_TRUE(TestUtil::WaitUntil([&] { return seen(IN_DELETE_SELF); })) << "round " << round;
+        // Moved away first: the churn would refill it between the steps of a
+        // removal in place.
+        const std::string gone = dir / ("gone" + std::to_string(round));
+        TestUtil::Rename(root, gone);
+        std::filesystem::remove_all(gone);
+        ASSERT_TRUE(TestUtil::WaitUntil([&] { return seen(IN_MOVE_SELF); })) << "round " << round;
         TestUtil::MakeDir(root);
         ASSERT_TRUE(TestUtil::WaitUntil([&] { return seen(IN_CREATE); }, std::chrono::milliseconds(3000)))
             << "round " << round;
@@ -87,4 +94,49 @@ TEST(FileNotifyTask, ARootMadeAgainIsWatchedAgainSoonAndLeavesNothingBehind) {
         return std::any_of(events.begin(), events.end(), [&](const auto& e) { return e.path == root + "settled"; });
     }));
     EXPECT_EQ(TestUtil::CountFolders(root), TestUtil::KernelInotifyWatches());
+}
+
+// Handled on this thread, whose bypasses are lowered: a path that cannot come
+// into existence as written is refused once with its reason and never waits;
+// a missing one waits.
+TEST(FileNotifyTask, RequestsForPathsThatCanNeverBeWatchedAreRefused) {
+    TestUtil::TempDir dir;
+    TestUtil::MakeDir(dir / "locked");
+    ASSERT_EQ(0, ::chmod((dir / "locked").c_str(), 0));
+    ASSERT_EQ(0, ::symlink((dir / "loop").c_str(), (dir / "loop").c_str()));
+    Poco::AutoPtr<Engine::FileNotifyTask> task(new Engine::FileNotifyTask());
+    Poco::AutoPtr<RecordingConsumer> consumer(new RecordingConsumer());
+    TestUtil::LogCapture log(Engine::FileNotifyUtils::GetLoggerPtr());
+    TestUtil::DropPermissionBypass asUnprivileged;
+    struct stat status {};
+    if (::stat((dir / "locked/x").c_str(), &status) == 0 || errno != EACCES) {
+        GTEST_SKIP() << "mode 000 does not stop a search here";
+    }
+    const struct {
+        std::string path;
+        const char* said;  // empty: kept pending
+    } cases[] = {
+        {"", "m_filePath is empty"},
+        {dir / std::string(4100, 'a'), "longer than PATH_MAX"},
+        {dir / std::string(300, 'n'), "longer than NAME_MAX"},
+        {dir / "locked/x", "may not be searched"},
+        {dir / "loop/x", "links loop"},
+        {dir / "later/x", ""},
+    };
+    Engine::_FileNotifyOpt opt;
+    opt.inotifyOnly = true;
+    for (const auto& c : cases) {
+        const std::size_t pending = task->GetPendingWatchList().size();
+        const long errors = log.Count(Engine::LOG_ERROR);
+        Engine::FileNotifyWatchMessage request(consumer.get(), c.path, {IN_CREATE}, opt);
+        EXPECT_EQ(1, request.MessageHandle(static_cast<Framework::Task*>(task.get()))) << c.said;
+        EXPECT_EQ("-1", request.GetMsgReply()) << c.said;
+        const bool refused = *c.said != '\0';
+        EXPECT_EQ(pending + (refused ? 0 : 1), task->GetPendingWatchList().size()) << c.said;
+        ASSERT_EQ(errors + (refused ? 1 : 0), log.Count(Engine::LOG_ERROR)) << c.said << "\n" << log.Dump();
+        if (refused) {
+            EXPECT_NE(std::string::npos, log.Texts(Engine::LOG_ERROR).back().find(c.said)) << log.Dump();
+        }
+    }
+    ::chmod((dir / "locked").c_str(), 0755);
 }

@@ -10,6 +10,7 @@
 #include <utility>
 #include <vector>
 
+#include "FileNotifyMask.h"
 #include "FileNotifyOpt.h"
 
 namespace Framework {
@@ -126,7 +127,7 @@ private:
 };
 
 // The bits of an event that holds its process until it is answered.
-constexpr unsigned int kFanPermissionBits = FAN_OPEN_PERM | FAN_ACCESS_PERM | FAN_OPEN_EXEC_PERM;
+constexpr unsigned int kFanPermissionBits = FileNotifyMask::kPermissionBits;
 
 // The debug record of a permission event of the agent's own process, which
 // is allowed at once.

@@ -76,9 +76,8 @@ int FileFanotifyWatch::AddEventsWatch(Framework::Task* notifyTask, EventHandler 
     task = notifyTask;
     if (!permitRouter) {
         permitRouter = std::make_unique<FileFanotifyPermitRouter>(
-            notifyTask, [group = permitFileFanotify.get()](std::uint64_t ticket) {
-                return group->NewTicketAnswer(ticket);
-            });
+            notifyTask,
+            [group = permitFileFanotify.get()](std::uint64_t ticket) { return group->NewTicketAnswer(ticket); });
         permitFileFanotify->SetPermitDispatch(
             [router = permitRouter.get()](const fanotify_event_metadata& event, std::uint64_t ticket) {
                 return router->Dispatch(event, ticket);
@@ -231,7 +230,8 @@ Notify_WatchItem* FileFanotifyWatch::GetPermitWatchItem(const std::string& event
 void FileFanotifyWatch::PublishRoutes() {
     permitRoutes.clear();
     for (const auto& [path, record] : permitWatchMap) {
-        if (record) permitRoutes.push_back({path, record->dev, record->ino, record->taskId, record->wd, record->opt.extParm});
+        if (record)
+            permitRoutes.push_back({path, record->dev, record->ino, record->taskId, record->wd, record->opt.extParm});
     }
     if (permitRouter) permitRouter->Publish(permitRoutes);
 }
@@ -355,7 +355,7 @@ int FileFanotifyWatch::DoNotifyEvent(int fd, struct fanotify_event_metadata* met
             FN_LOG(LOG_DEBUG, "DoNotifyEvent IsIgnoreWatchObject");
             continue;
         }
-        if (FileNotifyUtils::IsIgnoreWatchEvent(static_cast<int>(mask), record->opt.eventMasks)) {
+        if (FileNotifyUtils::IsIgnoreWatchEvent(static_cast<int>(mask), record->opt.eventMasks, true)) {
             FN_LOG(LOG_DEBUG, "DoNotifyEvent IsIgnoreWatchEvent");
             continue;
         }

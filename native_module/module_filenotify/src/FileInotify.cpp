@@ -145,7 +145,8 @@ bool FileInotify::GetSubFloderList(std::vector<std::string>& list, const std::st
 }
 
 int FileInotify::AddWatch(const std::string& path, unsigned int mask, int& watchId, const _FileNotifyOpt& opt) {
-    return AddWatch(path, mask, watchId, opt.watchChildFolder, opt.watchSymLink, SDK::FileUtils::IsFile(path));
+    // Anything but a folder (a FIFO, socket or device too) is watched as a file.
+    return AddWatch(path, mask, watchId, opt.watchChildFolder, opt.watchSymLink, !SDK::DirUtils::IsDir(path));
 }
 
 int FileInotify::AddWatch(const std::string& path, unsigned int mask, int& watchId, bool watchChildFolder,
@@ -188,6 +189,9 @@ int FileInotify::AddWatch(const std::string& path, unsigned int mask, int& watch
             return result;
         }
     }
+    // The walk listed each folder before it was watched: what was made in
+    // between is found now, each folder watched before it is read.
+    if (watchChildFolder && !isFile) Sweep(path.back() == '/' ? path : path + "/", rootWd, 1, nullptr, nullptr);
     watchId = rootWd;
     UpdateWatchSize();
     return 0;
@@ -241,15 +245,16 @@ int FileInotify::AddSubFolderWatch(const std::string& path, unsigned int mask, _
     const int result = AddWatchImpl(path, mask, wd);
     if (result != 0) {
         const int error = errno;
-        // Gone since the walk, or not ours to read: the rest of the tree is
-        // watched without it.
+        // Gone since the walk: the rest of the tree is watched without it.
         if (IsChurn(error)) return 0;
+        // Not ours to read, or a path the kernel will not take.
+        const bool skipped = error == EACCES || error == ENAMETOOLONG || error == ELOOP;
         unsigned long held = 0;
-        if (error == EACCES && _skipLimit.Admit(held)) {
+        if (skipped && _skipLimit.Admit(held)) {
             FN_LOG(LOG_WARNING, "cannot watch %s (error=%d): skipped, %lu more since the last record", path, error,
                    held);
         }
-        if (error == EACCES) return 0;
+        if (skipped) return 0;
         FN_LOG(LOG_ERROR, "call AddWatchImpl failed  %s", path);
         return result;
     }
@@ -520,7 +525,8 @@ int FileInotify::DoWithOneEvent(const struct inotify_event* event, InotifyCallba
     // A watched subfolder that went away is only bookkeeping: its parent's
     // watch has reported the deletion or move already.
     // An unmount is news though: what was there is gone from the tree.
-    if ((!selfEvent || (event->mask & IN_UNMOUNT) != 0) && !IsFoundAlready(path, event->mask)) {
+    if ((!selfEvent || (event->mask & IN_UNMOUNT) != 0) && !IsOwnRead(path, event->mask) &&
+        !IsFoundAlready(path, event->mask)) {
         InotifyCallBackParm parm;
         parm.fd = _fd;
         parm.rootWd = wd;
@@ -572,6 +578,14 @@ int FileInotify::AddRefreshWatchTask(_WatchItem* item, const std::string& path, 
             refresh.reportSubFolders.insert(path + "/");
     }
     return 0;
+}
+
+bool FileInotify::IsOwnRead(std::string path, unsigned int mask) const {
+    constexpr unsigned int kReadBits = IN_OPEN | IN_ACCESS | IN_CLOSE_NOWRITE;
+    if (_ownReads.empty() || (mask & IN_ISDIR) == 0 || (mask & kReadBits) == 0 || (mask & ~(kReadBits | IN_ISDIR)) != 0)
+        return false;
+    if (path.size() > 1 && path.back() == '/') path.pop_back();
+    return _ownReads.count(path) != 0;
 }
 
 bool FileInotify::IsFoundAlready(const std::string& path, unsigned int mask) {
@@ -635,6 +649,7 @@ int FileInotify::RefreshWatch(InotifyCallback callback, void* data) {
     // The batch just read held the kernel's own reports of whatever the last
     // refresh found: no later batch can repeat them.
     _found.clear();
+    _ownReads.clear();
     for (auto it = _refreshWatchMap.begin(); it != _refreshWatchMap.end(); it = _refreshWatchMap.erase(it)) {
         FN_CPU_YIELD();
         _RefreshWatchItem* refresh = it->second.get();
@@ -653,28 +668,30 @@ int FileInotify::RefreshWatch(InotifyCallback callback, void* data) {
             FN_LOG(LOG_ERROR, "call ReCreateWatch failed");
         }
         if (!refresh->addSubWatch) continue;
-        // Known before under the same descriptor: walked and reported then.
-        std::map<std::string, int> known;
-        for (const std::string& folder : refresh->reportSubFolders) {
-            auto found = _subFolderMap.find(folder);
-            known[folder] = found != _subFolderMap.end() ? found->second : -1;
-        }
         if (RefreshAddSubWatch(refresh) != 0) FN_LOG(LOG_ERROR, "call AddSubWatch failed");
-        for (const auto& [folder, oldWd] : known) {
-            auto now = _subFolderMap.find(folder);
-            if (now != _subFolderMap.end() && now->second != oldWd)
-                ReportFound(folder, refresh->rootWd, 1, callback, data);
+        // A folder's walk watches its subfolders without a word: each new
+        // one is reported with what it holds when its own creation is read.
+        for (const std::string& folder : refresh->reportSubFolders) {
+            auto known = _subFolderMap.find(folder);
+            if (known != _subFolderMap.end() && !_watchSubItemMap[known->second].swept)
+                Sweep(folder, refresh->rootWd, 1, callback, data);
         }
     }
     return 0;
 }
 
-void FileInotify::ReportFound(const std::string& folder, int rootWd, int depth, InotifyCallback callback, void* data) {
+void FileInotify::Sweep(const std::string& folder, int rootWd, int depth, InotifyCallback callback, void* data) {
     auto root = _watchItemMap.find(rootWd);
-    if (depth > kMaxTraverseDepth || root == _watchItemMap.end()) return;
+    if (root == _watchItemMap.end()) return;
     _WatchItem* item = root->second.get();
     std::unique_ptr<DIR, int (*)(DIR*)> dir(::opendir(folder.c_str()), &::closedir);
     if (!dir) return;  // gone meanwhile: its deletion is reported by the kernel
+    // Our own reading is no news to the consumers.
+    _ownReads.insert(folder.size() > 1 ? folder.substr(0, folder.size() - 1) : folder);
+    if (callback != nullptr) {
+        auto sub = _subFolderMap.find(folder);
+        if (sub != _subFolderMap.end()) _watchSubItemMap[sub->second].swept = true;
+    }
     while (const struct dirent* entry = ::readdir(dir.get())) {
         const std::string name = entry->d_name;
         if (name == "." || name == "..") continue;
@@ -687,20 +704,23 @@ void FileInotify::ReportFound(const std::string& folder, int rootWd, int depth, 
         // to report. A folder made after the walk that listed its parent's
         // subfolders has no watch yet and would go unseen.
         const std::string subfolder = path + "/";
-        if (isFolder && _subFolderMap.count(subfolder) == 0 && _limit->GetPermitWatchSize() > 0 &&
+        if (isFolder && depth < kMaxTraverseDepth && _subFolderMap.count(subfolder) == 0 &&
+            _limit->GetPermitWatchSize() > 0 &&
             AddSubFolderWatch(subfolder, KernelMask(item->mask, true, item->watchSymLink), item) == 0) {
             UpdateWatchSize();
         }
-        InotifyCallBackParm parm;
-        parm.fd = _fd;
-        parm.rootWd = rootWd;
-        parm.filePath = path;
-        parm.mask = IN_CREATE | (isFolder ? IN_ISDIR : 0U);
-        parm.found = true;
-        if (callback(parm, data) != 0) FN_LOG(LOG_ERROR, "call callback failed");
-        _found.insert(path);
+        if (callback != nullptr) {
+            InotifyCallBackParm parm;
+            parm.fd = _fd;
+            parm.rootWd = rootWd;
+            parm.filePath = path;
+            parm.mask = IN_CREATE | (isFolder ? IN_ISDIR : 0U);
+            parm.found = true;
+            if (callback(parm, data) != 0) FN_LOG(LOG_ERROR, "call callback failed");
+            _found.insert(path);
+        }
         // Only folders this tree watches are walked: links are not entered.
-        if (isFolder && _subFolderMap.count(subfolder) != 0) ReportFound(subfolder, rootWd, depth + 1, callback, data);
+        if (isFolder && _subFolderMap.count(subfolder) != 0) Sweep(subfolder, rootWd, depth + 1, callback, data);
     }
 }
 

@@ -68,7 +68,8 @@ public:
     };
     struct _WatchSubItem {
         int rootWd = 0;
-        std::string path;  // ends in "/"
+        std::string path;    // ends in "/"
+        bool swept = false;  // what it held when it came was reported
     };
     // Tree changes of one root, queued by events and applied once per batch.
     struct _RefreshWatchItem {
@@ -174,12 +175,16 @@ private:
     void Undo(const std::vector<int>& placed, int newRootWd);
     // An errno of a path that changed under us, not a failure.
     static bool IsChurn(int error);
-    // Reports every file and folder below folder (ends in "/"), which has
-    // just been watched, as created (found); depth counts the levels walked.
-    void ReportFound(const std::string& folder, int rootWd, int depth, InotifyCallback callback, void* data);
+    // Watches every folder below folder (ends in "/") not watched yet, each
+    // before it is read, and with a callback reports every file and folder
+    // there as created (found); depth counts the levels walked.
+    void Sweep(const std::string& folder, int rootWd, int depth, InotifyCallback callback, void* data);
     // An event on a path reported as found in the last refresh: the kernel's
     // report of the same creation is dropped, once.
     bool IsFoundAlready(const std::string& path, unsigned int mask);
+    // The open, read or close of a folder that a sweep read since the last
+    // refresh: the module's own doing.
+    bool IsOwnRead(std::string path, unsigned int mask) const;
 
     int _fd = -1;
     std::unique_ptr<Framework::Event> _event;
@@ -191,10 +196,11 @@ private:
     FileNotifyLimit* _limit;
     unsigned long _overflowCount = 0;
     bool _held = false;
-    LogRateLimit _skipLimit;  // the warnings of folders skipped for lack of permission
+    LogRateLimit _skipLimit;                // the warnings of folders skipped for lack of permission
     std::set<unsigned int> _unpairedMoves;  // cookies of moved-from records of this batch without partner
     std::set<unsigned int> _movedFrom;      // cookies of the moved-from records of this batch
     std::set<std::string> _found;           // paths reported as found by the last refresh
+    std::set<std::string> _ownReads;        // folders read by sweeps since the last refresh, without "/"
 };
 
 }  // namespace Engine

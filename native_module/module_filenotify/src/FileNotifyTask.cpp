@@ -154,8 +154,12 @@ int FileNotifyTask::AddInotifyWatch(int taskId, const std::string& path, unsigne
         FN_LOG(LOG_ERROR, "fileFanotifyWatch.AddEventsWatch failed");
         return result;
     }
-    if ((mask & IN_CREATE) != 0 && opt.simulateCreate) {
-        const unsigned int created = SDK::FileUtils::IsFile(path) ? IN_CREATE : (IN_CREATE | IN_ISDIR);
+    if ((mask & FileNotifyMask::kCreate) != 0 && opt.simulateCreate) {
+        // Announced as what it is: only a folder carries the folder flag, not
+        // a FIFO, socket or device.
+        const unsigned int created = SDK::DirUtils::IsDir(path)
+                                         ? (FileNotifyMask::kCreate | FileNotifyMask::kOnDirectory)
+                                         : FileNotifyMask::kCreate;
         auto message = std::make_unique<FileNotifyMessage>(0, path, created);
         message->SetExtParm(opt.extParm);
         message->SetWatchFile(watchId, path);  // the watch it announces, like its later events

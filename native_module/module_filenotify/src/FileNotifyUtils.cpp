@@ -1,14 +1,18 @@
 #include "FileNotifyUtils.h"
 
 #include <dirent.h>
+#include <fcntl.h>
+#include <limits.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <array>
 #include <atomic>
 #include <cerrno>
+#include <chrono>
 #include <cstring>
 #include <memory>
+#include <system_error>
 
 #include <Poco/Logger.h>
 
@@ -16,6 +20,7 @@
 
 #include "CpuYield.h"
 #include "FileNotifyLog.h"
+#include "FileNotifyMask.h"
 #include "sdk/FileUtils.h"
 #include "sdk/LoggerUtils.h"
 
@@ -25,9 +30,10 @@ namespace {
 
 using DirPtr = std::unique_ptr<DIR, int (*)(DIR*)>;
 
-// The kernel's PATH_MAX: a link target of this length or more cannot be a
-// usable path, so such a result counts as a failure.
-constexpr std::size_t kLinkBufferSize = 4096;
+// The kernel's PATH_MAX, the NUL included: a path or link target of this
+// length or more cannot be used, so such a result counts as a failure.
+constexpr std::size_t kPathMax = PATH_MAX;
+constexpr std::size_t kLinkBufferSize = kPathMax;
 
 std::atomic<Poco::Logger*> g_logger{nullptr};
 
@@ -66,24 +72,76 @@ bool MatchesIgnoreExt(const std::string& path, const std::vector<std::string>& e
     return false;
 }
 
-// One directory entry of a walk. Returns 0 to go on, 1 to abort the walk.
-int VisitEntry(const std::string& child, std::vector<std::string>& out, FileNotifyUtils::_FolderTraverseLimit& limit,
-               bool watchSymLink) {
-    struct stat info {};
-    // lstat: a link is never entered, which is what keeps link loops out of
-    // the walk; the depth limit bounds everything else.
-    if (::lstat(child.c_str(), &info) != 0) return 0;
-    if (S_ISDIR(info.st_mode)) {
-        const std::string folder = child + "/";
-        if (FileNotifyUtils::TraverseSubFolder(folder, out, limit, watchSymLink) != 0) {
-            FN_LOG(LOG_ERROR, "failed to TraverseSubFolder  %s", folder);
-            return 1;
-        }
-        FN_LOG(LOG_DEBUG, "add file %s", folder);
-        out.push_back(folder);
-    } else if (watchSymLink && S_ISLNK(info.st_mode) && FileNotifyUtils::IsLinkFolder(child)) {
-        out.push_back(child + "/");
+// A walk goes on past what it cannot read, and says so at most once a
+// second: a tree full of locked folders must not flood the log.
+bool WalkWarningDue() {
+    static std::atomic<long long> last{0};
+    const long long now =
+        std::chrono::duration_cast<std::chrono::milliseconds>(std::chrono::steady_clock::now().time_since_epoch())
+            .count();
+    long long seen = last.load(std::memory_order_relaxed);
+    return (seen == 0 || now - seen >= 1000) && last.compare_exchange_strong(seen, now, std::memory_order_relaxed);
+}
+
+// A subfolder that vanished is part of normal life; anything else the walk
+// cannot read is worth a (rate-limited) warning.
+void SkippedInWalk(const char* what, const std::string& path, int error) {
+    if (error == ENOENT) {
+        FN_LOG(LOG_DEBUG, "TraverseSubFolder skips %s, gone during the walk", path);
+    } else if (WalkWarningDue()) {
+        FN_LOG(LOG_WARNING, "TraverseSubFolder skips %s: cannot %s it, errno=%d", path, std::string(what), error);
     }
+}
+
+int ReadFolder(const std::string& folder, std::vector<std::string>& out, FileNotifyUtils::_FolderTraverseLimit& limit);
+
+// One directory entry of a walk: a subfolder is read and then listed
+// (post-order); anything else, links included, is no folder of the tree.
+// Links are never entered: a link to a folder of the tree would only give
+// that folder a second name, and any other leads out of the tree (to an
+// ancestor, a loop, or elsewhere), so the tree's events keep the real paths
+// of its folders.
+void VisitEntry(DIR* parent, const char* name, const std::string& child, std::vector<std::string>& out,
+                FileNotifyUtils::_FolderTraverseLimit& limit) {
+    struct stat info {};
+    // By name in the open folder: no walk of the path, which may be too long.
+    if (::fstatat(::dirfd(parent), name, &info, AT_SYMLINK_NOFOLLOW) != 0) {
+        SkippedInWalk("stat", child, errno);
+        return;
+    }
+    if (!S_ISDIR(info.st_mode)) return;
+    const std::string folder = child + "/";
+    // The kernel takes no path of PATH_MAX bytes or more, the NUL included.
+    if (folder.size() >= kPathMax) {
+        FN_LOG(LOG_WARNING, "TraverseSubFolder skips %s: its path is longer than PATH_MAX", folder);
+        return;
+    }
+    if (limit.depth + 1 > limit.MAX_DEPTH) {
+        FN_LOG(LOG_WARNING, "TraverseSubFolder skips %s: deeper than MAX_DEPTH %d", folder, limit.MAX_DEPTH);
+        return;
+    }
+    if (ReadFolder(folder, out, limit) != 0) return;
+    FN_LOG(LOG_DEBUG, "add file %s", folder);
+    out.push_back(folder);
+}
+
+// Reads folder one level below limit.depth; errno of opendir on failure.
+int ReadFolder(const std::string& folder, std::vector<std::string>& out, FileNotifyUtils::_FolderTraverseLimit& limit) {
+    FN_LOG(LOG_DEBUG, "TraverseSubFolder filepath=%s", folder);
+    FN_CPU_YIELD();
+    ++limit.visitedCount;
+    DirPtr dir(::opendir(folder.c_str()), &::closedir);
+    if (!dir) {
+        const int error = errno;
+        if (limit.depth > 0) SkippedInWalk("open", folder, error);
+        return error != 0 ? error : EIO;
+    }
+    ++limit.depth;
+    while (const dirent* entry = ::readdir(dir.get())) {  // NOLINT(concurrency-mt-unsafe): one stream per call
+        if (std::strcmp(entry->d_name, ".") == 0 || std::strcmp(entry->d_name, "..") == 0) continue;
+        VisitEntry(dir.get(), entry->d_name, folder + entry->d_name, out, limit);
+    }
+    --limit.depth;
     return 0;
 }
 
@@ -106,12 +164,46 @@ bool FileNotifyUtils::IsExistFilePath(const std::string& path) {
     return ::stat(path.c_str(), &info) == 0;
 }
 
-bool FileNotifyUtils::IsIgnoreWatchEvent(int mask, const std::vector<unsigned int>& wantedMasks) {
-    const auto eventBits = static_cast<unsigned int>(mask);
-    for (unsigned int wanted : wantedMasks) {
-        if ((wanted & eventBits) != 0) return false;
+FileNotifyUtils::PathCheck FileNotifyUtils::CheckWatchPath(const std::string& path, std::string& reason) {
+    reason.clear();
+    if (path.empty()) {
+        reason = "an empty path names nothing";
+        return PathCheck::Refused;
     }
-    return true;
+    if (path.size() >= kPathMax) {
+        reason = "the path is " + std::to_string(path.size()) + " bytes long, longer than PATH_MAX (" +
+                 std::to_string(kPathMax) + " with its end)";
+        return PathCheck::Refused;
+    }
+    struct stat info {};
+    if (::stat(path.c_str(), &info) == 0) return PathCheck::Exists;
+    const int error = errno;
+    switch (error) {
+        case ENOENT:
+        case ENOTDIR:
+            return PathCheck::Missing;
+        case EACCES:
+            reason = "a folder above it may not be searched (" + std::generic_category().message(error) + ")";
+            break;
+        case ENAMETOOLONG:
+            reason = "a part of the path is longer than NAME_MAX (" + std::generic_category().message(error) + ")";
+            break;
+        case ELOOP:
+            reason = "its symbolic links loop (" + std::generic_category().message(error) + ")";
+            break;
+        default:
+            reason = "stat failed: " + std::generic_category().message(error);
+            break;
+    }
+    return PathCheck::Refused;
+}
+
+bool FileNotifyUtils::IsIgnoreWatchEvent(int mask, const std::vector<unsigned int>& wantedMasks, bool fanotifyEvent) {
+    // The union, as the kernel merges the masks of one mark.
+    unsigned int wanted = 0;
+    for (unsigned int one : wantedMasks)
+        wanted |= one;
+    return !FileNotifyMask::Selects(wanted, static_cast<unsigned int>(mask), fanotifyEvent);
 }
 
 std::string FileNotifyUtils::FormatFolderName(const std::string& path) {
@@ -147,26 +239,12 @@ bool FileNotifyUtils::IsIgnoreWatchObject(const std::string& path, const _FileNo
 }
 
 int FileNotifyUtils::TraverseSubFolder(const std::string& folder, std::vector<std::string>& out,
-                                       _FolderTraverseLimit& limit, bool watchSymLink) {
-    FN_LOG(LOG_DEBUG, "TraverseSubFolder filepath=%s", folder);
-    FN_CPU_YIELD();
-    ++limit.visitedCount;
-    const int depth = ++limit.depth;
-    if (depth > limit.MAX_DEPTH) {
-        FN_LOG(LOG_ERROR, "limitData.depth %d > MAX_DEPTH %d", depth, limit.MAX_DEPTH);
-        return 1;
-    }
-    DirPtr dir(::opendir(folder.c_str()), &::closedir);
-    if (!dir) {
-        FN_LOG(LOG_ERROR, "dir == NULL");
-        return 1;
-    }
-    while (const dirent* entry = ::readdir(dir.get())) {  // NOLINT(concurrency-mt-unsafe): one stream per call
-        if (std::strcmp(entry->d_name, ".") == 0 || std::strcmp(entry->d_name, "..") == 0) continue;
-        if (VisitEntry(folder + entry->d_name, out, limit, watchSymLink) != 0) return 1;
-    }
-    --limit.depth;
-    return 0;
+                                       _FolderTraverseLimit& limit, bool /*watchSymLink*/) {
+    const int error = ReadFolder(folder, out, limit);
+    if (error == 0) return 0;
+    FN_LOG(LOG_ERROR, "dir == NULL");
+    FN_LOG(LOG_DEBUG, "opendir %s failed, errno=%d", folder, error);
+    return 1;
 }
 
 std::string FileNotifyUtils::GetExePath(unsigned int pid) {

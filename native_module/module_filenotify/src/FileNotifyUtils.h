@@ -20,11 +20,11 @@ namespace Engine {
 class FILENOTIFY_API FileNotifyUtils {
 public:
     // The bounds of one folder walk, owned by the caller and passed through
-    // the whole walk. A failed walk leaves depth raised: do not reuse it.
+    // the whole walk; depth is back to 0 after it.
     struct _FolderTraverseLimit {
-        int MAX_DEPTH = 0;     // deepest folder level that may be opened; the root is level 1
-        int depth = 0;         // level of the folder being read (0 before the walk)
-        int visitedCount = 0;  // folders the walk tried to enter, the root included
+        int MAX_DEPTH = 0;     // deepest folder level that may be opened; the root (level 1) always is
+        int depth = 0;         // level of the folder being read (0 before and after the walk)
+        int visitedCount = 0;  // folders the walk tried to open, the root included
     };
 
     FileNotifyUtils() = default;
@@ -42,9 +42,23 @@ public:
     // stat() succeeds; follows links.
     static bool IsExistFilePath(const std::string& path);
 
-    // True when no wanted mask shares a bit with the event mask, so the event
-    // is dropped. An empty list drops everything.
-    static bool IsIgnoreWatchEvent(int mask, const std::vector<unsigned int>& wantedMasks);
+    // What a watch request can make of path.
+    enum class PathCheck {
+        Exists,   // stat succeeds: watch it now
+        Missing,  // a part is not there (ENOENT) or no folder (ENOTDIR): it may appear, keep it pending
+        Refused,  // no creation of the path would make it watchable: refuse the request
+    };
+    // Refused, with a reason for people in reason, for an empty path, one of
+    // PATH_MAX bytes or more, one with a part longer than NAME_MAX, one below
+    // a folder that may not be searched (EACCES), a loop of links (ELOOP), and
+    // any other failure of stat. Follows links; any thread.
+    static PathCheck CheckWatchPath(const std::string& path, std::string& reason);
+
+    // True when the consumer did not ask for the event, so it is dropped:
+    // FileNotifyMask::Selects with the union of wantedMasks (event bits
+    // select, flags do not; a fanotify folder event needs the folder flag).
+    // An empty list drops everything.
+    static bool IsIgnoreWatchEvent(int mask, const std::vector<unsigned int>& wantedMasks, bool fanotifyEvent = false);
 
     // Blanks (" " only) trimmed at both ends; "/" appended to an existing
     // folder (links followed). A missing path or a file gets no "/".
@@ -60,10 +74,16 @@ public:
     static bool IsIgnoreWatchObject(const std::string& path, const _FileNotifyOpt& opt);
 
     // Appends the subfolders below folder (which ends in "/") to out, each
-    // with a trailing "/", deepest first (post-order). Links are never
-    // entered; with watchSymLink a link to a folder is listed itself.
-    // Returns 0, or 1 when a folder cannot be opened or a folder lies deeper
-    // than limit.MAX_DEPTH; out then keeps what was appended so far.
+    // with a trailing "/", deepest first (post-order). Returns 0 whenever
+    // folder itself was read, 1 only when it cannot be opened ("dir == NULL").
+    // What cannot be walked is skipped and the walk goes on: a subfolder that
+    // vanished (a debug record), one that cannot be opened or an entry that
+    // cannot be stat'ed (a warning, at most one a second), a subfolder deeper
+    // than limit.MAX_DEPTH or whose path would reach PATH_MAX (one warning
+    // naming it); skipped folders are not listed. Links, whatever
+    // watchSymLink says, are never entered nor listed: a link to a folder of
+    // the tree would only rename that folder's events, and any other leads
+    // out of the tree or into a loop.
     static int TraverseSubFolder(const std::string& folder, std::vector<std::string>& out, _FolderTraverseLimit& limit,
                                  bool watchSymLink);
 
