@@ -162,6 +162,15 @@ protected:
         int wd = 0;
         ASSERT_EQ(0, task->GetFanotifyWatch().AddPermitWatch(taskId, folder, mask, Options(mask, true), wd));
     }
+    // A file in the folder guarded for judge, which denies; both tasks run.
+    void GuardFileDenied() {
+        TestUtil::Touch(dir / "file");
+        Register(*judge);
+        Guard(judge->GetTaskId(), dir.path());
+        judge->verdict = 2;
+        ASSERT_EQ(0, judgeRunner.Start());
+        ASSERT_EQ(0, taskRunner.Start());
+    }
     // Opens path from a child and returns the open's errno (0: allowed).
     static int OpenFromChild(const std::string& path) {
         OpeningChild child(path);
@@ -177,13 +186,7 @@ protected:
 };
 
 TEST_F(FanotifyTaskTest, VerdictOfTheConsumerDecides) {
-    TestUtil::Touch(dir / "file");
-    Register(*judge);
-    Guard(judge->GetTaskId(), dir.path());
-    ASSERT_EQ(0, judgeRunner.Start());
-    ASSERT_EQ(0, taskRunner.Start());
-
-    judge->verdict = 2;
+    ASSERT_NO_FATAL_FAILURE(GuardFileDenied());
     OpeningChild child(dir / "file");
     ASSERT_TRUE(child.Wait(milliseconds(5000)));
     EXPECT_EQ(EPERM, child.result());
@@ -222,12 +225,7 @@ private:
 // for a busy module thread; at debug priority the module thread asks, to log
 // each step, and a busy one lets the deadline allow the access.
 TEST_F(FanotifyTaskTest, VerdictsNeedNoModuleThreadUnlessItLogsEachStep) {
-    TestUtil::Touch(dir / "file");
-    Register(*judge);
-    Guard(judge->GetTaskId(), dir.path());
-    ASSERT_EQ(0, judgeRunner.Start());
-    ASSERT_EQ(0, taskRunner.Start());
-    judge->verdict = 2;
+    ASSERT_NO_FATAL_FAILURE(GuardFileDenied());
     std::promise<void> entered;
     std::promise<void> gate;
     bool opened = false;

@@ -50,13 +50,7 @@ protected:
     void TearDown() override { task->UnInit(); }
 
     static Engine::_FileNotifyOpt Options(unsigned int mask, bool recursive) {
-        Engine::_FileNotifyOpt opt;
-        opt.watchChildFolder = recursive;
-        opt.eventMasks = {mask};
-        opt.combinedMask = mask;
-        opt.inotifyOnly = true;
-        opt.simulateCreate = false;
-        return opt;
+        return TestUtil::InotifyOptions(mask, recursive);
     }
     // The watch id, or the negated failure code.
     int Add(RecordingConsumer& who, const std::string& path, unsigned int mask, const Engine::_FileNotifyOpt& opt) {

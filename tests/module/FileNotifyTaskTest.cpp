@@ -57,11 +57,7 @@ TEST(FileNotifyTask, ARootMadeAgainIsWatchedAgainSoonAndLeavesNothingBehind) {
     ASSERT_EQ(0, consumerRunner.Start());
     ASSERT_EQ(0, task->AddFileNotifyMsgConsumer(consumer->GetTaskId(), consumer.get()));
     const unsigned int mask = IN_CREATE | IN_MOVE_SELF;
-    Engine::_FileNotifyOpt opt;
-    opt.watchChildFolder = true;
-    opt.eventMasks = {mask};
-    opt.combinedMask = mask;
-    opt.inotifyOnly = true;
+    Engine::_FileNotifyOpt opt = TestUtil::InotifyOptions(mask, true);
     opt.simulateCreate = true;
     int id = 0;
     ASSERT_EQ(0, task->AddInotifyWatch(consumer->GetTaskId(), root, mask, opt, id));

@@ -21,6 +21,17 @@
 
 namespace TestUtil {
 
+// Options of an inotify-only watch for mask, without the simulated creation.
+inline Engine::_FileNotifyOpt InotifyOptions(unsigned int mask, bool recursive) {
+    Engine::_FileNotifyOpt opt;
+    opt.watchChildFolder = recursive;
+    opt.eventMasks = {mask};
+    opt.combinedMask = mask;
+    opt.inotifyOnly = true;
+    opt.simulateCreate = false;
+    return opt;
+}
+
 // The kernel's inotify watches of this process, from /proc/self/fdinfo:
 // what is really placed, whatever the bookkeeping says.
 inline int KernelInotifyWatches() {

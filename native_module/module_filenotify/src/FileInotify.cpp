@@ -126,7 +126,9 @@ bool FileInotify::GetSubFloderList(std::vector<std::string>& list, const std::st
         FileNotifyUtils::_FolderTraverseLimit limit;
         limit.MAX_DEPTH = kMaxTraverseDepth;
         if (FileNotifyUtils::TraverseSubFolder(path, list, limit, watchSymLink) != 0) {
-            FN_LOG(LOG_ERROR, "failed to TraverseSubFolder  %s", path);
+            const int error = errno;
+            FN_LOG(IsChurn(error) ? LOG_DEBUG : LOG_ERROR, "failed to TraverseSubFolder  %s", path);
+            errno = error;
             return false;
         }
     }
@@ -141,6 +143,7 @@ bool FileInotify::GetSubFloderList(std::vector<std::string>& list, const std::st
     _limit->AutoScaleLimit();
     if (_limit->GetPermitWatchSize() >= needed) return true;
     FN_LOG(LOG_ERROR, "new Watch size %d is over than max size  %d", needed, _limit->GetPermitWatchSize());
+    errno = 0;  // a refusal of ours, not a change of the tree
     return false;
 }
 
@@ -589,6 +592,8 @@ bool FileInotify::IsOwnRead(std::string path, unsigned int mask) const {
 }
 
 bool FileInotify::IsFoundAlready(const std::string& path, unsigned int mask) {
+    // What the kernel reports now, a sweep of this batch must not repeat.
+    if ((mask & (IN_CREATE | IN_MOVED_TO)) != 0 && _found.count(path) == 0) _kernelCreated.insert(path);
     if (_found.empty()) return false;
     if ((mask & (IN_CREATE | IN_MOVED_TO)) != 0) return _found.erase(path) != 0;
     if ((mask & (IN_DELETE | IN_MOVED_FROM)) != 0) _found.erase(path);
@@ -677,6 +682,7 @@ int FileInotify::RefreshWatch(InotifyCallback callback, void* data) {
                 Sweep(folder, refresh->rootWd, 1, callback, data);
         }
     }
+    _kernelCreated.clear();
     return 0;
 }
 
@@ -709,7 +715,7 @@ void FileInotify::Sweep(const std::string& folder, int rootWd, int depth, Inotif
             AddSubFolderWatch(subfolder, KernelMask(item->mask, true, item->watchSymLink), item) == 0) {
             UpdateWatchSize();
         }
-        if (callback != nullptr) {
+        if (callback != nullptr && _kernelCreated.count(path) == 0) {
             InotifyCallBackParm parm;
             parm.fd = _fd;
             parm.rootWd = rootWd;
@@ -742,7 +748,8 @@ int FileInotify::RefreshAddSubWatch(_RefreshWatchItem* refreshItem) {
         }
         int watchId = rootWd;
         if (AddWatch(folder, mask, watchId, watchChildFolder, watchSymLink, false) != 0) {
-            FN_LOG(LOG_ERROR, "call AddWatch failed,addWatchFile=%s, rootEventWd=%d", folder, rootWd);
+            FN_LOG(IsChurn(errno) ? LOG_DEBUG : LOG_ERROR, "call AddWatch failed,addWatchFile=%s, rootEventWd=%d",
+                   folder, rootWd);
         }
     }
     return 0;

@@ -201,6 +201,7 @@ private:
     std::set<unsigned int> _movedFrom;      // cookies of the moved-from records of this batch
     std::set<std::string> _found;           // paths reported as found by the last refresh
     std::set<std::string> _ownReads;        // folders read by sweeps since the last refresh, without "/"
+    std::set<std::string> _kernelCreated;   // creations the kernel reported in this batch
 };
 
 }  // namespace Engine

@@ -256,10 +256,7 @@ int FileInotifyWatch::SendEventMsg(const _EventItem* eventItem) {
     if (records == nullptr) return 0;
     for (const auto& record : *records) {
         if (FileNotifyUtils::IsIgnoreWatchObject(eventItem->eventFile, record->opt)) continue;
-        // An unmount ends what the consumer watched, whatever it asked for.
-        if ((eventItem->mask & IN_UNMOUNT) == 0 &&
-            FileNotifyUtils::IsIgnoreWatchEvent(static_cast<int>(eventItem->mask), record->opt.eventMasks))
-            continue;
+        if (FileNotifyUtils::IsIgnoreWatchEvent(static_cast<int>(eventItem->mask), record->opt.eventMasks)) continue;
         auto message = std::make_unique<FileNotifyMessage>(0, eventItem->eventFile, eventItem->mask);
         if (eventItem->isMoveEvent) message->SetMoveEvent(eventItem->movetoFile);
         message->SetFound(eventItem->found);

@@ -242,8 +242,10 @@ int FileNotifyUtils::TraverseSubFolder(const std::string& folder, std::vector<st
                                        _FolderTraverseLimit& limit, bool /*watchSymLink*/) {
     const int error = ReadFolder(folder, out, limit);
     if (error == 0) return 0;
-    FN_LOG(LOG_ERROR, "dir == NULL");
+    // A folder that has just gone is what a changing tree does all the time.
+    FN_LOG(error == ENOENT || error == ENOTDIR ? LOG_DEBUG : LOG_ERROR, "dir == NULL");
     FN_LOG(LOG_DEBUG, "opendir %s failed, errno=%d", folder, error);
+    errno = error;
     return 1;
 }
 
