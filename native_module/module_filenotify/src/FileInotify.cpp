@@ -698,7 +698,7 @@ void FileInotify::Sweep(const std::string& folder, int rootWd, int depth, Inotif
         auto sub = _subFolderMap.find(folder);
         if (sub != _subFolderMap.end()) _watchSubItemMap[sub->second].swept = true;
     }
-    while (const struct dirent* entry = ::readdir(dir.get())) {
+    while (const struct dirent* entry = ::readdir(dir.get())) {  // NOLINT(concurrency-mt-unsafe): one stream per call
         const std::string name = entry->d_name;
         if (name == "." || name == "..") continue;
         FN_CPU_YIELD();
