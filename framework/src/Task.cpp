@@ -36,18 +36,24 @@ Task::Task(const std::string& taskName, const std::string& featureName, TaskCond
       _queue(std::make_unique<Queue>(static_cast<std::size_t>(_capacity))),
       _lastDropLogTick(kNeverLogged),
       _highWater(std::max<std::size_t>(1, static_cast<std::size_t>(_capacity) * 3 / 4)),
-      _lowWater(static_cast<std::size_t>(_capacity) / 4) {
-    TaskRegistry::Instance().Register(_taskId, this);
-}
+      _lowWater(static_cast<std::size_t>(_capacity) / 4) {}
 
 Task::~Task() {
     // Out of the registry first: from here on no sender can reach the queue.
-    TaskRegistry::Instance().Unregister(_taskId);
+    Withdraw();
     Message* msg = nullptr;
     while (_queue->try_dequeue(msg))
         delete msg;
     // Senders holding back for this queue must not wait for it any longer.
     SendDrainSignals();
+}
+
+void Task::Publish() {
+    TaskRegistry::Instance().Register(_taskId, this);
+}
+
+void Task::Withdraw() {
+    TaskRegistry::Instance().Unregister(_taskId);
 }
 
 int Task::Init() {
@@ -170,6 +176,16 @@ int Task::AddConsumerByName(const std::string& taskName, const std::string& type
     std::lock_guard<std::mutex> lock(_consumerMutex);
     _consumers[{id, type}] = id;
     return id;
+}
+
+int Task::AddConsumerById(int taskId, const std::string& type) {
+    {
+        std::shared_lock<std::shared_mutex> lock;
+        if (TaskRegistry::Instance().Find(taskId, lock) == nullptr) return 1;
+    }
+    std::lock_guard<std::mutex> lock(_consumerMutex);
+    _consumers[{taskId, type}] = taskId;
+    return 0;
 }
 
 int Task::RemoveConsumer(int taskId, const std::string& type) {

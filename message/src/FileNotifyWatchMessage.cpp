@@ -23,8 +23,8 @@ FileNotifyWatchService::~FileNotifyWatchService() = default;
 FileNotifyWatchMessage::FileNotifyWatchMessage(Framework::Task* sender, const std::string& path,
                                                const std::vector<unsigned int>& masks, const _FileNotifyOpt& opt)
     : Framework::Message("filewatch"),
-      m_sender(sender),
       m_taskId(sender != nullptr ? sender->GetTaskId() : 0),
+      m_senderName(sender != nullptr ? sender->GetTaskName() : std::string()),
       m_filePath(path),
       m_opt(opt) {
     m_opt.eventMasks = masks;
@@ -45,8 +45,8 @@ FileNotifyWatchMessage::FileNotifyWatchMessage(Framework::Task* sender, const st
 
 FileNotifyWatchMessage::FileNotifyWatchMessage(Framework::Task* sender, const std::string& path, bool permit)
     : Framework::Message("filewatch"),
-      m_sender(sender),
       m_taskId(sender != nullptr ? sender->GetTaskId() : 0),
+      m_senderName(sender != nullptr ? sender->GetTaskName() : std::string()),
       m_filePath(path) {
     m_opt.remove = true;
     m_opt.permit = permit;
@@ -99,8 +99,10 @@ int FileNotifyWatchMessage::MessageHandle(void* task) {
         FN_LOG(LOG_ERROR, "watch request refused, filePath=%s: %s", m_filePath, reason);
         return 1;
     }
-    if (service->AddFileNotifyMsgConsumer(m_taskId, m_sender) != 0) {
+    // Its events would go nowhere: the sender is gone.
+    if (service->AddSenderAsConsumer(m_taskId) != 0) {
         FN_LOG(LOG_ERROR, "Task::AddFileNotifyMsgConsumer failed");
+        return 1;
     }
     const int result = exists ? MessageAddWatchHandle(service) : MessageAddPendingWatchHandle(service);
     GetMsgReply() = std::to_string(m_watchId);
@@ -109,7 +111,7 @@ int FileNotifyWatchMessage::MessageHandle(void* task) {
 
 int FileNotifyWatchMessage::MessageAddWatchHandle(FileNotifyWatchService* task) {
     FN_LOG(LOG_DEBUG, "MessageAddWatchHandle taskName=%s, filePath=%s, fanotifyMask=%u, notifyMask=%u",
-           m_sender != nullptr ? m_sender->GetTaskName() : std::string(), m_filePath, m_fanotifyMask, m_watchMask);
+           m_senderName, m_filePath, m_fanotifyMask, m_watchMask);
     int watchId = -1;
     int result = 0;
     if (m_opt.permit) {

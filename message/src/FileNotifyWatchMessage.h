@@ -24,7 +24,8 @@ class FileNotifyWatchService;
 // sender for file events, splits the masks between fanotify (the bits it can
 // report, with the acting process) and inotify (all others), and adds, keeps
 // pending or removes the watch. The reply string is the watch id made, "-1"
-// for a pending, refused or failed watch.
+// for a pending, refused or failed watch; a request whose sender is gone
+// fails (1, logged) and gets no reply.
 class FILENOTIFY_API FileNotifyWatchMessage : public Framework::Message {
 public:
     static constexpr unsigned int kFanotifyBits = FileNotifyMask::kFanotifyRequestBits;
@@ -69,8 +70,10 @@ public:
     int GetWatchId() const { return m_watchId; }
 
 private:
-    Framework::Task* m_sender;
+    // The sender by id and name only: it may be gone by the time the module
+    // handles the request.
     int m_taskId;
+    std::string m_senderName;
     unsigned int m_fanotifyMask = 0;
     unsigned int m_watchMask = 0;
     std::string m_filePath;

@@ -22,6 +22,9 @@ struct Notify_WatchItem;
 class FILENOTIFY_API FileNotifyWatchService {
 public:
     virtual int AddFileNotifyMsgConsumer(int taskId, Framework::Task* watcher) = 0;
+    // The live task taskId receives its own events from now on; 1 (logged)
+    // when no such task lives any more.
+    virtual int AddSenderAsConsumer(int taskId) = 0;
     virtual int AddInotifyWatch(int taskId, const std::string& path, unsigned int mask, const _FileNotifyOpt& opt,
                                 int& watchId) = 0;
     virtual int AddNotifyWatch(int taskId, const std::string& path, unsigned int mask, const _FileNotifyOpt& opt,

@@ -55,8 +55,11 @@ private:
     int _waitMs;
 };
 
+// Reachable at once, running or not: messages queue for it.
 inline Poco::AutoPtr<ServeTask> MakeServeTask(const std::string& name, int capacity = 1024, int waitMs = 3000) {
-    return Poco::AutoPtr<ServeTask>(new ServeTask(name, capacity, waitMs));
+    Poco::AutoPtr<ServeTask> task(new ServeTask(name, capacity, waitMs));
+    task->Publish();
+    return task;
 }
 
 }  // namespace FrameworkTest

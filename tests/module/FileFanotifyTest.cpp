@@ -25,6 +25,7 @@
 #include "FileNotifyLog.h"
 #include "FileNotifyMessage.h"
 #include "FileNotifyTask.h"
+#include "HeldThread.h"
 #include "InotifyTestUtil.h"
 #include "LogCapture.h"
 #include "RecordingConsumer.h"
@@ -154,7 +155,9 @@ protected:
         const std::string missing = TestUtil::FanotifyMissing();
         if (!missing.empty()) GTEST_SKIP() << missing;
     }
+    // Reachable from now on, also a consumer that is never started.
     void Register(RecordingConsumer& consumer) {
+        consumer.Publish();
         ASSERT_EQ(0, task->AddFileNotifyMsgConsumer(consumer.GetTaskId(), &consumer));
     }
     // A permission watch on the files of folder, answered by taskId.
@@ -205,36 +208,13 @@ TEST_F(FanotifyTaskTest, VerdictOfTheConsumerDecides) {
     }
 }
 
-// Holds the thread that handles it until the gate opens.
-class GateMessage : public Framework::Message {
-public:
-    GateMessage(std::promise<void>& entered, std::shared_future<void> gate)
-        : Framework::Message("gate"), _entered(entered), _gate(std::move(gate)) {}
-    int MessageHandle(void*) override {
-        _entered.set_value();
-        _gate.wait();
-        return 0;
-    }
-
-private:
-    std::promise<void>& _entered;
-    std::shared_future<void> _gate;
-};
-
 // The permission reader asks the consumer itself, so a verdict does not wait
 // for a busy module thread; at debug priority the module thread asks, to log
 // each step, and a busy one lets the deadline allow the access.
 TEST_F(FanotifyTaskTest, VerdictsNeedNoModuleThreadUnlessItLogsEachStep) {
     ASSERT_NO_FATAL_FAILURE(GuardFileDenied());
-    std::promise<void> entered;
-    std::promise<void> gate;
-    bool opened = false;
-    const auto openGate = [&] {
-        if (!std::exchange(opened, true)) gate.set_value();
-    };
-    TestUtil::AtScopeEnd atEnd(openGate);
-    ASSERT_EQ(0, task->EnqueueMsg(new GateMessage(entered, gate.get_future().share())));
-    ASSERT_EQ(std::future_status::ready, entered.get_future().wait_for(std::chrono::seconds(5)));
+    TestUtil::HeldThread busy(*task);
+    ASSERT_TRUE(busy.held);
 
     TestUtil::LogCapture log(Engine::FileNotifyUtils::GetLoggerPtr());
     Engine::FileNotifyUtils::GetLoggerPtr()->setLevel(Poco::Message::PRIO_INFORMATION);
@@ -245,7 +225,7 @@ TEST_F(FanotifyTaskTest, VerdictsNeedNoModuleThreadUnlessItLogsEachStep) {
     OpeningChild late(dir / "file");
     ASSERT_TRUE(late.Wait(milliseconds(5000)));
     EXPECT_EQ(0, late.result());
-    openGate();
+    busy.Release();
     const std::string allowed =
         "no time left to ask about the access of pid=" + std::to_string(late.pid()) + ": allowed";
     EXPECT_TRUE(TestUtil::WaitUntil([&] { return log.Has(LOG_DEBUG, allowed); })) << log.Dump();

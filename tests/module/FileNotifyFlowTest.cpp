@@ -50,6 +50,7 @@ protected:
     }
     Poco::AutoPtr<RecordingConsumer> Consumer(const std::string& name, int capacity, bool start = true) {
         Poco::AutoPtr<RecordingConsumer> consumer(new RecordingConsumer(name, capacity));
+        consumer->Publish();  // reachable also while not started
         consumer->AddConsumer(task->GetTaskId(), "f", task.get());
         runners.push_back(std::make_unique<Framework::TaskRunner>(consumer.get()));
         if (start) runners.back()->Start();

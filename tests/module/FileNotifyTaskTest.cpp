@@ -18,6 +18,7 @@
 #include "FileNotifyMessage.h"
 #include "FileNotifyTask.h"
 #include "FileNotifyWatchMessage.h"
+#include "HeldThread.h"
 #include "InotifyTestUtil.h"
 #include "LogCapture.h"
 #include "RecordingConsumer.h"
@@ -135,4 +136,33 @@ TEST(FileNotifyTask, RequestsForPathsThatCanNeverBeWatchedAreRefused) {
         }
     }
     ::chmod((dir / "locked").c_str(), 0755);
+}
+
+// A consumer released while its request waits behind a busy module thread:
+// the request fails cleanly, nothing of the consumer is touched (the
+// sanitizer build checks that), and no watch is made for nobody.
+TEST(FileNotifyTask, ARequestWhoseSenderIsGoneFailsCleanly) {
+    TestUtil::TempDir dir;
+    TestUtil::LogCapture log(Engine::FileNotifyUtils::GetLoggerPtr());
+    Poco::AutoPtr<Engine::FileNotifyTask> task(new Engine::FileNotifyTask());
+    Framework::TaskRunner taskRunner(task.get());
+    ASSERT_EQ(0, taskRunner.Start());
+    int senderId = 0;
+    {
+        TestUtil::HeldThread busy(*task);
+        ASSERT_TRUE(busy.held);
+        Poco::AutoPtr<RecordingConsumer> consumer(new RecordingConsumer());
+        Framework::TaskRunner consumerRunner(consumer.get());
+        ASSERT_EQ(0, consumerRunner.Start());
+        senderId = consumer->GetTaskId();
+        consumer->AddConsumer(task->GetTaskId(), "f", task.get());
+        ASSERT_EQ(0, consumer->SendMsg(task->GetTaskId(), "f",
+                                       new Engine::FileNotifyWatchMessage(consumer.get(), dir.path(), {IN_CREATE},
+                                                                          TestUtil::InotifyOptions(IN_CREATE, true))));
+        consumerRunner.Stop();
+    }  // the consumer is gone, then the module thread goes on
+    const std::string gone = "the sender of a watch request is gone, taskId=" + std::to_string(senderId);
+    ASSERT_TRUE(TestUtil::WaitUntil([&] { return log.Has(Engine::LOG_ERROR, gone); })) << log.Dump();
+    EXPECT_TRUE(task->GetInotifyWatch().GetWatchData().Empty());
+    EXPECT_TRUE(task->GetPendingWatchList().empty());
 }

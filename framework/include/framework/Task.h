@@ -63,10 +63,11 @@ enum MsgResult : int {
 // called from any thread.
 //
 // Lifetime: POCO tasks are reference counted; the module that registers a
-// task owns its first reference. Every task is listed in a process-wide
-// registry under its id from construction to destruction, and messages are
-// delivered only through that registry, so a message to a task that is gone
-// fails cleanly instead of touching freed memory.
+// task owns its first reference. A task is listed in a process-wide registry
+// under its id from Publish to Withdraw, while it is whole, and messages are
+// delivered only through that registry, so a message to a task that is not
+// built yet or is gone fails cleanly instead of touching a part-made or
+// freed object.
 class FRAMEWORK_API Task : public Poco::Task {
 public:
     Task(const std::string& taskName, const std::string& featureName, TaskCondition::TaskType type, int queueCapacity);
@@ -95,6 +96,9 @@ public:
     // its own id, for a sender that knows the receiver only by name. Returns
     // that id, or 0 when no task has the name.
     int AddConsumerByName(const std::string& taskName, const std::string& type);
+    // Registers the live task taskId as the receiver of `type` under its own
+    // id, found through the registry: 0, or 1 when no such task lives.
+    int AddConsumerById(int taskId, const std::string& type);
     int RemoveConsumer(int taskId, const std::string& type);
 
     // Queues msg (ownership passes, whatever the result) for the consumer
@@ -145,6 +149,15 @@ public:
     // If messages remain, the next wait returns at once.
     int BulkConsumeMsg(int maxCount);
 
+    // Makes this task reachable by its id and name (messages, consumers).
+    // Called once the task is fully built: TaskRunner::Start does, before
+    // Init. Idempotent.
+    void Publish();
+    // Makes it unreachable again: a send from then on fails cleanly with
+    // MSG_ERR_UNKNOWN_TASK. TaskRunner::Stop does once the thread has ended,
+    // before anything is torn down; the destructor does for a task that was
+    // never stopped. Idempotent.
+    void Withdraw();
     int GetTaskId() const { return _taskId; }
     const std::string& GetTaskName() const { return name(); }
     const std::string& GetFeatureName() const { return _featureName; }

@@ -20,10 +20,11 @@ public:
     TaskRunner(const TaskRunner&) = delete;
     TaskRunner& operator=(const TaskRunner&) = delete;
 
-    // Init, then the thread. Returns Init's result; the thread starts only
-    // when it is 0.
+    // Publishes the task, then Init, then the thread. Returns Init's result;
+    // the thread starts only when it is 0 (else the task is withdrawn).
     int Start();
-    // Cancels, joins, calls UnInit. Safe to call more than once.
+    // Cancels, joins, withdraws the task, calls UnInit. Safe to call more
+    // than once.
     void Stop();
     bool IsRunning() const { return _started; }
     Task* GetTask() { return _task.get(); }

@@ -146,6 +146,15 @@ int FileNotifyTask::AddFileNotifyMsgConsumer(int taskId, Framework::Task* watche
     return 0;
 }
 
+int FileNotifyTask::AddSenderAsConsumer(int taskId) {
+    FN_LOG(LOG_DEBUG, "AddFileNotifyMsgConsumer AddConsumer taskId=%d", taskId);
+    if (AddConsumerById(taskId, "f") != 0) {
+        FN_LOG(LOG_ERROR, "the sender of a watch request is gone, taskId=%d", taskId);
+        return 1;
+    }
+    return 0;
+}
+
 int FileNotifyTask::AddInotifyWatch(int taskId, const std::string& path, unsigned int mask, const _FileNotifyOpt& opt,
                                     int& watchId) {
     FN_LOG(LOG_DEBUG, "AddInotifyWatch taskId=%d;watchedObject=%s;mask=%u", taskId, path, mask);

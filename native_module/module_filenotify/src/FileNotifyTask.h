@@ -58,6 +58,7 @@ public:
     // Registers watcher as the receiver of file events for taskId. A null
     // watcher is logged and not reported as failure.
     int AddFileNotifyMsgConsumer(int taskId, Framework::Task* watcher) override;
+    int AddSenderAsConsumer(int taskId) override;
 
     // Watch dispatch: each forwards to its engine's manager and returns its
     // result (0 for success). watchId receives the id of the watch made.
