@@ -103,6 +103,7 @@ TEST(FileNotifyTask, RequestsForPathsThatCanNeverBeWatchedAreRefused) {
     ASSERT_EQ(0, ::symlink((dir / "loop").c_str(), (dir / "loop").c_str()));
     Poco::AutoPtr<Engine::FileNotifyTask> task(new Engine::FileNotifyTask());
     Poco::AutoPtr<RecordingConsumer> consumer(new RecordingConsumer());
+    consumer->Publish();  // a live sender, though never started
     TestUtil::LogCapture log(Engine::FileNotifyUtils::GetLoggerPtr());
     TestUtil::DropPermissionBypass asUnprivileged;
     struct stat status {};
