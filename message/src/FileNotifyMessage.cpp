@@ -24,7 +24,14 @@ int FileNotifyMessage::MessageHandle(void* task) {
         FN_LOG(LOG_ERROR, "FileNotifyMessage receiver is not an AbstractMessageReceiver, filePath=%s", m_filePath);
         return 1;
     }
-    const int result = receiver->FileNotifyMessageAction(this);
+    int result = 0;
+    try {
+        result = receiver->FileNotifyMessageAction(this);
+    } catch (...) {
+        // No verdict: the access goes through now, not at its deadline.
+        if (m_permitAnswer) m_permitAnswer->Expire();
+        throw;
+    }
     // Straight to the kernel from here: the waiting process need not wait
     // for the module's thread to wake.
     if (m_permitAnswer) m_permitAnswer->Decide(result);

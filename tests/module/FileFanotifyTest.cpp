@@ -4,6 +4,7 @@
 #include <sys/syscall.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <chrono>
 #include <cstring>
 #include <fstream>
@@ -11,6 +12,7 @@
 #include <map>
 #include <memory>
 #include <mutex>
+#include <stdexcept>
 #include <string>
 #include <thread>
 #include <utility>
@@ -189,6 +191,10 @@ protected:
 };
 
 TEST_F(FanotifyTaskTest, VerdictOfTheConsumerDecides) {
+    auto throwOnce = std::make_shared<std::atomic<bool>>(false);
+    judge->onEvent = [throwOnce](const Engine::FileNotifyMessage&) {
+        if (throwOnce->exchange(false)) throw std::runtime_error("judge failed");
+    };
     ASSERT_NO_FATAL_FAILURE(GuardFileDenied());
     OpeningChild child(dir / "file");
     ASSERT_TRUE(child.Wait(milliseconds(5000)));
@@ -206,6 +212,11 @@ TEST_F(FanotifyTaskTest, VerdictOfTheConsumerDecides) {
         judge->verdict = verdict;
         EXPECT_EQ(0, OpenFromChild(dir / "file")) << "verdict " << verdict;
     }
+    // A judge that throws gives no verdict: allowed, and everything goes on.
+    judge->verdict = 2;
+    throwOnce->store(true);
+    EXPECT_EQ(0, OpenFromChild(dir / "file"));
+    EXPECT_EQ(EPERM, OpenFromChild(dir / "file"));
 }
 
 // The permission reader asks the consumer itself, so a verdict does not wait
