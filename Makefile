@@ -12,11 +12,11 @@ ifeq ($(CI),true)
 endif
 
 DEB_PACKAGES := g++ cmake ninja-build libpoco-dev libgtest-dev libgmock-dev \
-                libbenchmark-dev libconcurrentqueue-dev
+                libbenchmark-dev libconcurrentqueue-dev valgrind
 # The peer that bench/cli_bench runs beside filenotify (inotifywait).
 BENCH_PACKAGES := inotify-tools
 
-.PHONY: deps build run test test-plain test-asan bench format tidy clean
+.PHONY: deps build run test test-plain test-asan memcheck bench format tidy clean
 
 # Installs those of the Debian packages $(1) that are missing; apt-get runs
 # only when one is.
@@ -55,7 +55,11 @@ test-asan: deps $(ASAN_BUILD)/build.ninja
 	  UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1 \
 	  ctest --output-on-failure -j $(JOBS) --timeout 300
 
-test: test-plain test-asan
+# The command under valgrind through a scripted session: no error, no leak.
+memcheck: build
+	bash tests/memcheck.sh $(BUILD)/bin/filenotify
+
+test: test-plain test-asan memcheck
 
 bench: build
 	$(call install_missing,$(BENCH_PACKAGES))
