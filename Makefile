@@ -1,9 +1,15 @@
 # The two commands of the README:
 #   make run    install what is missing, build, run the main job
 #   make test   install what is missing, build, run the tests twice
-#               (plain, then under AddressSanitizer + UndefinedBehaviorSanitizer)
+#               (plain, then under AddressSanitizer + UndefinedBehaviorSanitizer),
+#               then each fuzz target for a few seconds
+# and  make fuzz  runs each fuzz target for FUZZ_SECONDS (60 by default).
 BUILD      ?= build
 ASAN_BUILD ?= build-asan
+FUZZ_BUILD ?= build-fuzz
+FUZZ_SECONDS ?= 60
+# What make test gives each fuzz target.
+TEST_FUZZ_SECONDS ?= 15
 JOBS       ?= $(shell nproc)
 ARGS       ?=
 CMAKE_FLAGS ?=
@@ -15,8 +21,10 @@ DEB_PACKAGES := g++ cmake ninja-build libpoco-dev libgtest-dev libgmock-dev \
                 libbenchmark-dev libconcurrentqueue-dev valgrind
 # The peer that bench/cli_bench runs beside filenotify (inotifywait).
 BENCH_PACKAGES := inotify-tools
+# clang with libFuzzer (libclang-rt-dev holds its runtime).
+FUZZ_PACKAGES := clang libclang-rt-dev
 
-.PHONY: deps build run test test-plain test-asan memcheck bench format tidy clean
+.PHONY: deps build run test test-plain test-asan test-fuzz fuzz memcheck bench format tidy clean
 
 # Installs those of the Debian packages $(1) that are missing; apt-get runs
 # only when one is.
@@ -55,11 +63,20 @@ test-asan: deps $(ASAN_BUILD)/build.ninja
 	  UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1 \
 	  ctest --output-on-failure -j $(JOBS) --timeout 300
 
+# A failed install is no failure here: fuzz/run.sh says what is missing and skips.
+test-fuzz: deps
+	-$(call install_missing,$(FUZZ_PACKAGES))
+	fuzz/run.sh $(FUZZ_BUILD) $(TEST_FUZZ_SECONDS) $(CMAKE_FLAGS)
+
+fuzz: deps
+	$(call install_missing,$(FUZZ_PACKAGES))
+	fuzz/run.sh $(FUZZ_BUILD) $(FUZZ_SECONDS) $(CMAKE_FLAGS)
+
 # The command under valgrind through a scripted session: no error, no leak.
 memcheck: build
 	bash tests/memcheck.sh $(BUILD)/bin/filenotify
 
-test: test-plain test-asan memcheck
+test: test-plain test-asan memcheck test-fuzz
 
 bench: build
 	$(call install_missing,$(BENCH_PACKAGES))
@@ -77,4 +94,4 @@ tidy: build
 	  xargs clang-tidy -p $(BUILD) --quiet
 
 clean:
-	rm -rf $(BUILD) $(ASAN_BUILD)
+	rm -rf $(BUILD) $(ASAN_BUILD) $(FUZZ_BUILD)

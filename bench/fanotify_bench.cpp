@@ -876,9 +876,10 @@ public:
             std::printf("held accesses: cannot make the file under %s\n", kBase);
             return false;
         }
-        std::printf("\nHeld accesses: %d children open one guarded file at once, the consumer never answers, %d "
-                    "rounds\n",
-                    Openers::kCount, _settings.runs);
+        std::printf(
+            "\nHeld accesses: %d children open one guarded file at once, the consumer never answers, %d "
+            "rounds\n",
+            Openers::kCount, _settings.runs);
         std::vector<double> slowest, stops;
         bool ok = true;
         for (int round = 0; round < _settings.runs && !g_interrupted && ok; ++round) {

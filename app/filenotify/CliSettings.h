@@ -1,9 +1,15 @@
 #pragma once
 
+#include <map>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "FileNotifyOpt.h"
+
+namespace Poco::Util {
+class OptionSet;
+}
 
 namespace FileNotifyCli {
 
@@ -40,6 +46,37 @@ struct CliSettings {
     unsigned int RequestMask() const;
     // The watch options of one request.
     Engine::_FileNotifyOpt RequestOptions() const;
+};
+
+// Reads the command line into CliSettings. The command adds Define's
+// options to its application's set (help and version are its own), and the
+// application's option processing calls back here for each one; bad values
+// throw Poco::Exception. CheckArguments then takes the words left over.
+class CliParser {
+public:
+    // Relative paths are taken against startDir.
+    explicit CliParser(std::string startDir) : _startDir(std::move(startDir)) {}
+    CliParser(const CliParser&) = delete;
+    CliParser& operator=(const CliParser&) = delete;
+
+    // The callbacks refer to this parser: it must outlive options.
+    void Define(Poco::Util::OptionSet& options);
+    // The mode and its paths, made absolute. False, with the problem told,
+    // for a usage error.
+    bool CheckArguments(const std::vector<std::string>& args, std::string& problem);
+    // The whole command line without the program name, processed as the
+    // application processes it, then checked; nothing is printed or run.
+    bool Parse(const std::vector<std::string>& args, std::string& problem);
+
+    CliSettings& Settings() { return _settings; }
+
+private:
+    void OnFlag(const std::string& name, const std::string& value);
+    void OnValue(const std::string& name, const std::string& value);
+
+    CliSettings _settings;
+    std::map<std::string, bool CliSettings::*> _flags;
+    std::string _startDir;
 };
 
 }  // namespace FileNotifyCli

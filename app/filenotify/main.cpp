@@ -11,7 +11,6 @@
 #include <chrono>
 #include <cstring>
 #include <ctime>
-#include <filesystem>
 #include <iostream>
 #include <system_error>
 
@@ -19,12 +18,10 @@
 #include <Poco/ConsoleChannel.h>
 #include <Poco/FormattingChannel.h>
 #include <Poco/Logger.h>
-#include <Poco/NumberParser.h>
 #include <Poco/Path.h>
 #include <Poco/PatternFormatter.h>
 #include <Poco/Util/HelpFormatter.h>
 #include <Poco/Util/Option.h>
-#include <Poco/Util/OptionException.h>
 #include <Poco/Util/OptionSet.h>
 #include <Poco/Util/ServerApplication.h>
 
@@ -56,23 +53,6 @@ constexpr int kExitNoModule = 4;
 constexpr int kExitNothingWatched = 1;
 constexpr int kExitOutputFailed = 5;
 
-long PositiveNumber(const std::string& option, const std::string& value) {
-    Poco::Int64 number = 0;
-    if (!Poco::NumberParser::tryParse64(value, number) || number <= 0) {
-        throw Poco::Util::InvalidArgumentException("--" + option + " needs a number above 0, not '" + value + "'");
-    }
-    return static_cast<long>(number);
-}
-
-// path against base, without "." or ".." parts or a trailing "/".
-std::string AbsolutePath(const std::string& base, const std::string& path) {
-    if (path.empty()) return path;
-    std::string normal = (std::filesystem::path(base) / path).lexically_normal().string();
-    while (normal.size() > 1 && normal.back() == '/')
-        normal.pop_back();
-    return normal;
-}
-
 // A path for a message: quoted when empty, its start only when it is too
 // long to read.
 std::string Shown(const std::string& path) {
@@ -98,7 +78,9 @@ std::string FanotifyRefusal() {
 
 class FileNotifyApp : public Poco::Util::ServerApplication {
 public:
-    FileNotifyApp() : _startDir(Poco::Path::current()) {
+    // Paths are taken against the folder it was started in: --daemon moves
+    // to "/" before they are made absolute.
+    FileNotifyApp() : _parser(Poco::Path::current()) {
         // POCO reports option errors through this logger: one plain line.
         Poco::AutoPtr<Poco::PatternFormatter> format(new Poco::PatternFormatter("filenotify: %t"));
         Poco::AutoPtr<Poco::Channel> console(new Poco::FormattingChannel(format, new Poco::ConsoleChannel));
@@ -110,106 +92,37 @@ protected:
     int main(const std::vector<std::string>& args) override;
 
 private:
-    Option Flag(const char* name, const char* shortName, const char* help, bool CliSettings::*field) {
-        _flags[name] = field;
-        return Option(name, shortName, help).callback(OptionCallback<FileNotifyApp>(this, &FileNotifyApp::OnFlag));
-    }
-    Option Value(const char* name, const char* shortName, const char* help, const char* argument) {
-        return Option(name, shortName, help)
-            .argument(argument)
-            .repeatable(true)
-            .callback(OptionCallback<FileNotifyApp>(this, &FileNotifyApp::OnValue));
-    }
-    void OnFlag(const std::string& name, const std::string&) { _settings.*_flags.at(name) = true; }
-    void OnValue(const std::string& name, const std::string& value);
+    void OnVersion(const std::string&, const std::string&);
     void OnHelp(const std::string&, const std::string&);
 
     int Usage(const std::string& problem) const {
         std::cerr << "filenotify: " << problem << " (filenotify --help lists the options)" << std::endl;
         return kExitUsage;
     }
-    int CheckArguments(const std::vector<std::string>& args);
     void ConfigureAgent();
     std::string BinaryFolder() const { return Poco::Path(config().getString("application.path")).parent().toString(); }
     int WatchAll(Framework::ModuleHost& host, WatchConsumer& consumer, const WatchLimitTap& tap);
     int WaitForStop();
     int Finish(const WatchConsumer& consumer, OutputSink& output, int result) const;
 
-    CliSettings _settings;
-    std::map<std::string, bool CliSettings::*> _flags;
-    std::string _startDir;
+    CliParser _parser;
+    CliSettings& _settings = _parser.Settings();
     bool _done = false;
 };
 
 void FileNotifyApp::defineOptions(Poco::Util::OptionSet& options) {
     ServerApplication::defineOptions(options);
-    options.addOption(
-        Flag("recursive", "r", "watch whole trees, following folders as they come and go", &CliSettings::recursive));
-    options.addOption(Value("event", "e", "events to report, comma-separated (see below); repeatable", "NAMES"));
-    options.addOption(Flag("process", "p", "report access, modify, close and open through fanotify, with pid and exe",
-                           &CliSettings::process));
-    options.addOption(Flag("follow-symlinks", "", "follow symbolic links", &CliSettings::followSymlinks));
-    options.addOption(Flag("only-dir", "", "fanotify marks only folders", &CliSettings::onlyDir));
-    options.addOption(Flag("mount", "", "fanotify marks the whole mount that holds each path", &CliSettings::mount));
-    options.addOption(Value("exclude", "", "skip events below this path (recursive watches); repeatable", "PREFIX"));
-    options.addOption(Value("exclude-ext", "", "skip files with this ending, without the dot; repeatable", "EXT"));
-    options.addOption(Flag("stat", "", "add size, mode, owner and mtime of the file", &CliSettings::stat));
-    options.addOption(Flag("no-initial-create", "", "do not report the watched paths themselves as created",
-                           &CliSettings::noInitialCreate));
-    options.addOption(Value("deny", "", "guard: deny paths matching this glob (* also matches /); repeatable", "GLOB"));
-    options.addOption(Value("deny-exe", "", "guard: deny accesses by this executable; repeatable", "PATH"));
-    options.addOption(Flag("dry-run", "", "guard: print what would be denied, allow everything", &CliSettings::dryRun));
-    options.addOption(Value("format", "", "output format: text (default) or json", "FORMAT"));
-    options.addOption(Flag("json", "", "same as --format json", &CliSettings::json));
-    options.addOption(Value("output", "o", "append the lines to FILE instead of stdout", "FILE"));
-    options.addOption(Value("count", "c", "exit after N events", "N"));
-    options.addOption(Value("timeout", "t", "exit after SECONDS", "SECONDS"));
-    options.addOption(
-        Value("log-level", "", "module log records from this level to stderr (default warning)", "LEVEL"));
-    options.addOption(Value("log-file", "", "write the log to a rotating FILE instead of stderr", "FILE"));
-    options.addOption(Value("home", "", "installation folder holding conf/ (default: the binary's parent)", "DIR"));
-    options.addOption(Value("module", "", "module library (default: ../lib/libfilenotify_module.so)", "PATH"));
+    _parser.Define(options);
     options.addOption(Option("version", "", "print the version and exit")
-                          .callback(OptionCallback<FileNotifyApp>(this, &FileNotifyApp::OnValue)));
+                          .callback(OptionCallback<FileNotifyApp>(this, &FileNotifyApp::OnVersion)));
     options.addOption(Option("help", "h", "print this help and exit")
                           .callback(OptionCallback<FileNotifyApp>(this, &FileNotifyApp::OnHelp)));
 }
 
-void FileNotifyApp::OnValue(const std::string& name, const std::string& value) {
-    if (name == "event") {
-        _settings.events |= ParseEventNames(value);
-    } else if (name == "exclude") {
-        _settings.exclude.push_back(value);
-    } else if (name == "exclude-ext") {
-        _settings.excludeExt.push_back(value);
-    } else if (name == "deny") {
-        _settings.deny.push_back(value);
-    } else if (name == "deny-exe") {
-        _settings.denyExe.push_back(value);
-    } else if (name == "format") {
-        if (value != "text" && value != "json") {
-            throw Poco::Util::InvalidArgumentException("--format is text or json, not '" + value + "'");
-        }
-        _settings.json = value == "json";
-    } else if (name == "output") {
-        _settings.output = value;
-    } else if (name == "count") {
-        _settings.count = PositiveNumber(name, value);
-    } else if (name == "timeout") {
-        _settings.timeoutSeconds = PositiveNumber(name, value);
-    } else if (name == "log-level") {
-        _settings.logLevel = Poco::Logger::parseLevel(value);  // names or 1..8; throws for others
-    } else if (name == "log-file") {
-        _settings.logFile = value;
-    } else if (name == "home") {
-        _settings.home = value;
-    } else if (name == "module") {
-        _settings.module = value;
-    } else if (name == "version") {
-        std::cout << "filenotify " << FN_VERSION << std::endl;
-        _done = true;
-        stopOptionsProcessing();
-    }
+void FileNotifyApp::OnVersion(const std::string&, const std::string&) {
+    std::cout << "filenotify " << FN_VERSION << std::endl;
+    _done = true;
+    stopOptionsProcessing();
 }
 
 void FileNotifyApp::OnHelp(const std::string&, const std::string&) {
@@ -227,32 +140,6 @@ void FileNotifyApp::OnHelp(const std::string&, const std::string&) {
     help.format(std::cout);
     _done = true;
     stopOptionsProcessing();
-}
-
-int FileNotifyApp::CheckArguments(const std::vector<std::string>& args) {
-    if (args.empty()) return Usage("say watch or guard, then one or more paths");
-    if (args[0] == "watch") {
-        _settings.mode = CliSettings::Mode::Watch;
-    } else if (args[0] == "guard") {
-        _settings.mode = CliSettings::Mode::Guard;
-    } else {
-        return Usage("unknown command '" + args[0] + "': say watch or guard");
-    }
-    if (args.size() < 2) return Usage(args[0] + " needs at least one path");
-    const bool guard = _settings.mode == CliSettings::Mode::Guard;
-    if (!guard && (!_settings.deny.empty() || !_settings.denyExe.empty() || _settings.dryRun)) {
-        return Usage("--deny, --deny-exe and --dry-run belong to guard");
-    }
-    if (guard && (_settings.events & ~(Engine::FileNotifyMask::kOpen | Engine::FileNotifyMask::kAccess)) != 0) {
-        return Usage("guard reports open and access only");
-    }
-    // Against the folder it was started in: --daemon moves to "/" before this.
-    const auto absolute = [this](const std::string& path) { return AbsolutePath(_startDir, path); };
-    for (std::size_t i = 1; i < args.size(); ++i)
-        _settings.paths.push_back(absolute(args[i]));
-    _settings.output = absolute(_settings.output);
-    _settings.logFile = absolute(_settings.logFile);
-    return 0;
 }
 
 void FileNotifyApp::ConfigureAgent() {
@@ -327,8 +214,8 @@ int FileNotifyApp::main(const std::vector<std::string>& args) {
     if (_done) return EXIT_OK;
     // A reader gone shows as EPIPE from write, which ends the program with a reason.
     ::signal(SIGPIPE, SIG_IGN);
-    const int bad = CheckArguments(args);
-    if (bad != 0) return bad;
+    std::string problem;
+    if (!_parser.CheckArguments(args, problem)) return Usage(problem);
     sigset_t stopSignals;
     sigemptyset(&stopSignals);
     sigaddset(&stopSignals, SIGINT);

@@ -110,8 +110,8 @@ int FileNotifyWatchMessage::MessageHandle(void* task) {
 }
 
 int FileNotifyWatchMessage::MessageAddWatchHandle(FileNotifyWatchService* task) {
-    FN_LOG(LOG_DEBUG, "MessageAddWatchHandle taskName=%s, filePath=%s, fanotifyMask=%u, notifyMask=%u",
-           m_senderName, m_filePath, m_fanotifyMask, m_watchMask);
+    FN_LOG(LOG_DEBUG, "MessageAddWatchHandle taskName=%s, filePath=%s, fanotifyMask=%u, notifyMask=%u", m_senderName,
+           m_filePath, m_fanotifyMask, m_watchMask);
     int watchId = -1;
     int result = 0;
     if (m_opt.permit) {

@@ -128,7 +128,7 @@ TEST(FileFanotify, RecordWalkChecksEveryLengthAndClosesDescriptors) {
     cases[1].buffer.Add(FAN_OPEN, 16);
     cases[2] = {"event_len past the end", {}, 8, 1, 1, nullptr};
     cases[2].buffer.Add(FAN_OPEN).Add(FAN_OPEN, 32);
-    cases[3] = {"old version stops", {}, 0, 1, 1, "Kernel fanotify version too old"};
+    cases[3] = {"old version stops, the rest is released", {}, 0, 1, 3, "Kernel fanotify version too old"};
     cases[3].buffer.Add(FAN_OPEN, 24, 2).Add(FAN_OPEN, 24, 1).Add(FAN_OPEN);
     cases[4] = {"overflow stops, the rest is released", {}, 0, 1, 2, "fanotify queue overflow"};
     cases[4].buffer.Add(FAN_OPEN).Add(FAN_Q_OVERFLOW, 24, 3, false).Add(FAN_OPEN);
@@ -148,6 +148,31 @@ TEST(FileFanotify, RecordWalkChecksEveryLengthAndClosesDescriptors) {
             EXPECT_TRUE(log.Has(LOG_ERROR, c.errorText)) << c.name << "\n" << log.Dump();
         }
     }
+}
+
+// A record of an unknown version ends the walk, but not before what it and
+// the records behind it hold is released: a waiting access goes on.
+TEST(FileFanotify, AnUnknownVersionAllowsTheAccessesBehindIt) {
+    REQUIRE_FANOTIFY();
+    TestUtil::TempDir dir;
+    TestUtil::Touch(dir / "file");
+    FileFanotify group;
+    ASSERT_EQ(0, group.Initialize(true));
+    ASSERT_EQ(0, group.AddWatch(dir.path().c_str(), FAN_OPEN_PERM, Options(FAN_OPEN_PERM, true)));
+    OpeningChild child(dir / "file");
+    std::vector<char> queued(4096);
+    ssize_t length = -1;
+    ASSERT_TRUE(
+        TestUtil::WaitUntil([&] { return (length = ::read(group.GetFd(), queued.data(), queued.size())) > 0; }));
+    RawFanotifyBuffer buffer;
+    buffer.Add(FAN_OPEN, sizeof(fanotify_event_metadata), 1);
+    buffer.bytes.insert(buffer.bytes.end(), queued.begin(), queued.begin() + length);
+    std::vector<int> calls;
+    group.DoWithEvents(buffer.bytes.data(), static_cast<long>(buffer.bytes.size()), &CountCalls, &calls);
+    EXPECT_TRUE(calls.empty());
+    EXPECT_TRUE(IsClosed(buffer.fds[0]));
+    ASSERT_TRUE(child.Wait(milliseconds(5000))) << "the access behind the record still waits";
+    EXPECT_EQ(0, child.result());
 }
 
 // The module task with consumers, driven as the agent would drive it.

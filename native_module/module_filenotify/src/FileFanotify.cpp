@@ -191,12 +191,16 @@ int FileFanotify::DoWithEvents(char* buffer, long length, FanotifyCallback callb
         if ((record.mask & FAN_Q_OVERFLOW) != 0) {
             ++_overflowCount;
             FN_LOG(LOG_ERROR, "fanotify queue overflow");
-            ReleaseRest(at + record.event_len, remaining - static_cast<long>(record.event_len));
+            ReleaseRest(at, remaining);
             return 0;
         }
         if (record.vers <= 1) {
-            // The layout is unknown: not even the descriptors can be trusted.
+            // The record is not walked, but its descriptor and those behind
+            // it are ours all the same (event_len and fd have kept their
+            // places since the first version): left open they would leak, and waiting
+            // accesses would hold their processes until the group closes.
             FN_LOG(LOG_ERROR, "Kernel fanotify version too old");
+            ReleaseRest(at, remaining);
             return 0;
         }
         if (record.fd >= 0) {
@@ -217,8 +221,9 @@ int FileFanotify::DoWithEvents(char* buffer, long length, FanotifyCallback callb
     return 0;
 }
 
-// Records dropped after an overflow still hold descriptors, and permission
-// events among them hold processes: allow and close each one.
+// Records dropped unread (an overflow, an unknown version) still hold
+// descriptors, and permission events among them hold processes: allow and
+// close each one.
 void FileFanotify::ReleaseRest(const char* data, long length) const {
     fanotify_event_metadata record{};
     for (; RecordAt(data, length, record); data += record.event_len, length -= static_cast<long>(record.event_len)) {

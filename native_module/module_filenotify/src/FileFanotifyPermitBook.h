@@ -69,7 +69,6 @@ private:
     bool _closed = false;
     std::uint64_t _nextTicket = 1;
     Entries _entries;  // by ticket: read order, so also deadline order
-    std::size_t _waiting = 0;
     std::uint64_t _refused = 0;
 };
 

@@ -48,8 +48,8 @@ void FileFanotifyPermitRouter::Publish(Routes routes) {
 }
 
 std::unique_ptr<FileNotifyMessage> FileFanotifyPermitRouter::NewRequest(const Route& route,
-                                                                        const std::string& eventFile,
-                                                                        unsigned int mask, unsigned int pid) {
+                                                                        const std::string& eventFile, unsigned int mask,
+                                                                        unsigned int pid) {
     auto message = std::make_unique<FileNotifyMessage>(2, eventFile, mask);
     message->SetProcess(pid, FileNotifyUtils::GetExePath(pid));
     message->SetWatchFile(route.wd, route.filePath);
