@@ -133,6 +133,12 @@ bool FileInotify::GetSubFloderList(std::vector<std::string>& list, const std::st
         }
     }
     FN_LOG(LOG_DEBUG, "TraverseSubFolderSize =%z", list.size());
+    // The walk read them: their opens and reads are no news to consumers.
+    if (!isFile && watchChildFolder) {
+        _ownReads.insert(path.size() > 1 && path.back() == '/' ? path.substr(0, path.size() - 1) : path);
+        for (const std::string& folder : list)
+            _ownReads.insert(folder.substr(0, folder.size() - 1));
+    }
     // The whole tree is checked once, before any kernel call, so a tree too
     // large is refused without a partial add.
     // Folders watched already (a tree walked again) need no new watch.

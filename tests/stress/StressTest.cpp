@@ -1,0 +1,220 @@
+#include <fcntl.h>
+#include <sys/fanotify.h>
+#include <sys/inotify.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <array>
+#include <chrono>
+#include <ctime>
+#include <fstream>
+#include <map>
+#include <string>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+#include <Poco/AutoPtr.h>
+
+#include "ChildProcess.h"
+#include "FileNotifyMessage.h"
+#include "FileNotifyTask.h"
+#include "InotifyTestUtil.h"
+#include "MixedTask.h"
+#include "RecordingConsumer.h"
+#include "TestUtil.h"
+#include "framework/TaskRunner.h"
+
+using TestUtil::RecordingConsumer;
+
+namespace {
+
+// The module task with its consumers, all running on their own threads. A
+// test places its watches on the test thread before it starts the module.
+class StressTest : public ::testing::Test {
+protected:
+    // A running consumer registered with the module.
+    RecordingConsumer& AddConsumer(const std::string& name) {
+        consumers.emplace_back(new RecordingConsumer(name, 1 << 16));
+        runners.push_back(std::make_unique<Framework::TaskRunner>(consumers.back().get()));
+        EXPECT_EQ(0, runners.back()->Start());
+        EXPECT_EQ(0, task->AddFileNotifyMsgConsumer(consumers.back()->GetTaskId(), consumers.back().get()));
+        return *consumers.back();
+    }
+
+    TestUtil::TempDir dir;
+    Poco::AutoPtr<Engine::FileNotifyTask> task{new Engine::FileNotifyTask()};
+    std::vector<Poco::AutoPtr<RecordingConsumer>> consumers;
+    std::vector<std::unique_ptr<Framework::TaskRunner>> runners;  // stop before the consumers go
+    Framework::TaskRunner taskRunner{task.get()};                 // declared last: stops first
+};
+
+// Ten consumers with their own masks on one tree while files are made,
+// written, renamed and deleted in four folders: each gets exactly the events
+// its mask asks for, no more, no fewer, and nothing is lost.
+TEST_F(StressTest, TenConsumersOnOneTreeEachGetExactlyTheirEvents) {
+    constexpr int kFolders = 4;
+    constexpr int kFiles = 500;  // per folder
+    const std::array<unsigned int, 10> masks = {
+        IN_CREATE,
+        IN_DELETE,
+        IN_MOVED_FROM | IN_MOVED_TO,
+        IN_CREATE | IN_DELETE,
+        IN_CLOSE_WRITE,
+        IN_ALL_EVENTS,
+        IN_ATTRIB,
+        IN_DELETE | IN_CLOSE_WRITE,
+        IN_MODIFY,
+        IN_OPEN | IN_MOVED_TO,
+    };
+    for (int f = 0; f < kFolders; ++f)
+        TestUtil::MakeDir(dir / ("d" + std::to_string(f)));
+    for (std::size_t i = 0; i < masks.size(); ++i) {
+        RecordingConsumer& consumer = AddConsumer("consumer" + std::to_string(i));
+        int id = 0;
+        ASSERT_EQ(0, task->AddInotifyWatch(consumer.GetTaskId(), dir.path(), masks[i],
+                                           TestUtil::InotifyOptions(masks[i], true), id));
+    }
+    ASSERT_EQ(0, taskRunner.Start());
+    for (int n = 0; n < kFiles; ++n) {
+        for (int f = 0; f < kFolders; ++f) {
+            const std::string file = dir / ("d" + std::to_string(f) + "/f" + std::to_string(n));
+            const int fd = ::open(file.c_str(), O_CREAT | O_WRONLY | O_CLOEXEC, 0644);
+            ASSERT_GE(fd, 0);
+            ASSERT_EQ(1, ::write(fd, "x", 1));
+            ::close(fd);
+            TestUtil::Rename(file, file + ".r");
+            ASSERT_EQ(0, ::unlink((file + ".r").c_str()));
+        }
+    }
+    // Every mask sees some step of this after all of the above.
+    const std::string sentinel = dir / "d0/sentinel";
+    std::ofstream(sentinel) << "x";
+    ASSERT_EQ(0, ::chmod(sentinel.c_str(), 0600));
+    TestUtil::Rename(sentinel, sentinel + ".r");
+    ASSERT_EQ(0, ::unlink((sentinel + ".r").c_str()));
+    // One of each per file; a rename arrives as one merged event.
+    const std::map<unsigned int, int> perFile = {{IN_CREATE, 1},      {IN_OPEN, 1}, {IN_MODIFY, 1},
+                                                 {IN_CLOSE_WRITE, 1}, {IN_MOVE, 1}, {IN_DELETE, 1}};
+    for (std::size_t i = 0; i < masks.size(); ++i) {
+        RecordingConsumer& consumer = *consumers[i];
+        ASSERT_TRUE(TestUtil::WaitUntil(
+            [&] {
+                const auto events = consumer.Events();
+                return std::any_of(events.begin(), events.end(),
+                                   [&](const auto& e) { return e.path.find("sentinel") != std::string::npos; });
+            },
+            std::chrono::milliseconds(30000)))
+            << "consumer " << i;
+        int expected = 0;
+        for (const auto& [bits, count] : perFile)
+            expected += (bits & masks[i]) != 0 ? count * kFolders * kFiles : 0;
+        int got = 0;
+        for (const auto& e : consumer.Events()) {
+            if (e.path.find("sentinel") != std::string::npos) continue;
+            EXPECT_NE(0U, e.mask & masks[i] & IN_ALL_EVENTS) << "consumer " << i << " got " << std::hex << e.mask;
+            EXPECT_EQ(0ULL, e.lost) << "consumer " << i;
+            ++got;
+        }
+        EXPECT_EQ(expected, got) << "consumer " << i << " mask " << std::hex << masks[i];
+    }
+}
+
+// Denies the files whose names end in ".key"; allows everything else.
+class KeyJudge : public Engine::MixedTask {
+public:
+    KeyJudge() : Engine::MixedTask("key_judge", "test", Framework::TaskCondition::TASK_TYPE_EVENT, 1 << 14) {}
+    int Run() override { return ServeMessages(3000); }
+    int FileNotifyMessageAction(Engine::FileNotifyMessage* msg) override {
+        const std::string path = msg->GetEventFilePath();
+        return path.size() > 4 && path.compare(path.size() - 4, 4, ".key") == 0 ? 2 : 0;
+    }
+
+protected:
+    ~KeyJudge() override = default;
+};
+
+// What one opening child saw, written to its pipe.
+struct OpenerReport {
+    int allowedRight = 0;  // ".ok" opened
+    int deniedRight = 0;   // ".key" refused with EPERM
+    int wrong = 0;
+    long long slowestNs = 0;
+};
+
+long long MonotonicNs() {
+    timespec at{};
+    ::clock_gettime(CLOCK_MONOTONIC, &at);
+    return at.tv_sec * 1000000000LL + at.tv_nsec;
+}
+
+// Eight processes open guarded files 2,000 times each, half of them denied:
+// every access is answered, rightly, and none waits past its deadline.
+TEST_F(StressTest, EightProcessesOpeningGuardedFilesGetTheirVerdictsInTime) {
+    const std::string missing = TestUtil::FanotifyMissing();
+    if (!missing.empty()) GTEST_SKIP() << missing;
+    constexpr int kChildren = 8;
+    constexpr int kOpens = 2000;
+    Poco::AutoPtr<KeyJudge> judge(new KeyJudge());
+    Framework::TaskRunner judgeRunner(judge.get());
+    ASSERT_EQ(0, judgeRunner.Start());
+    ASSERT_EQ(0, task->AddFileNotifyMsgConsumer(judge->GetTaskId(), judge.get()));
+    const std::string ok = dir / "a.ok";
+    const std::string key = dir / "s.key";
+    TestUtil::Touch(ok);
+    TestUtil::Touch(key);
+    Engine::_FileNotifyOpt opt;
+    opt.watchChildFolder = true;
+    opt.permit = true;
+    int wd = 0;
+    ASSERT_EQ(0, task->GetFanotifyWatch().AddPermitWatch(judge->GetTaskId(), dir.path(), FAN_OPEN_PERM, opt, wd));
+    ASSERT_EQ(0, taskRunner.Start());
+
+    std::vector<std::pair<pid_t, int>> children;
+    for (int c = 0; c < kChildren; ++c) {
+        int out[2];
+        ASSERT_EQ(0, ::pipe2(out, O_CLOEXEC));
+        const pid_t pid = ::fork();
+        if (pid == 0) {
+            OpenerReport report;
+            for (int i = 0; i < kOpens; ++i) {
+                const bool denied = i % 2 == 1;
+                const long long start = MonotonicNs();
+                const int fd = ::open(denied ? key.c_str() : ok.c_str(), O_RDONLY | O_CLOEXEC);
+                const int error = fd < 0 ? errno : 0;
+                report.slowestNs = std::max(report.slowestNs, MonotonicNs() - start);
+                if (fd >= 0) ::close(fd);
+                if (!denied && error == 0) {
+                    ++report.allowedRight;
+                } else if (denied && error == EPERM) {
+                    ++report.deniedRight;
+                } else {
+                    ++report.wrong;
+                }
+            }
+            ::_exit(::write(out[1], &report, sizeof report) == sizeof report ? 0 : 1);
+        }
+        ::close(out[1]);
+        ASSERT_GT(pid, 0);
+        children.emplace_back(pid, out[0]);
+    }
+    for (const auto& [pid, result] : children) {
+        OpenerReport report;
+        // Blocks until the child has written or died: each open is answered
+        // within its deadline, so this ends.
+        const bool read = ::read(result, &report, sizeof report) == sizeof report;
+        ::close(result);
+        int status = 0;
+        ::waitpid(pid, &status, 0);
+        ASSERT_TRUE(read) << "child " << pid << " reported nothing";
+        EXPECT_EQ(kOpens / 2, report.allowedRight);
+        EXPECT_EQ(kOpens / 2, report.deniedRight);
+        EXPECT_EQ(0, report.wrong);
+        // The deadline is a second from when the access is read.
+        EXPECT_LT(report.slowestNs, 1200LL * 1000 * 1000) << "child " << pid;
+    }
+}
+
+}  // namespace
