@@ -57,11 +57,13 @@ test-plain: build
 $(ASAN_BUILD)/build.ninja: | deps
 	cmake -S . -B $(ASAN_BUILD) -G Ninja -DCMAKE_BUILD_TYPE=Debug -DFN_SANITIZE=ON -DFN_BUILD_BENCH=OFF $(CMAKE_FLAGS)
 
+# The stress label runs in the plain build only: under the sanitizers its
+# minutes would double.
 test-asan: deps $(ASAN_BUILD)/build.ninja
 	cmake --build $(ASAN_BUILD) -j $(JOBS)
 	cd $(ASAN_BUILD) && ASAN_OPTIONS=detect_leaks=1:abort_on_error=1:strict_string_checks=1 \
 	  UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1 \
-	  ctest --output-on-failure -j $(JOBS) --timeout 300
+	  ctest --output-on-failure -j $(JOBS) --timeout 300 -LE stress
 
 # A failed install is no failure here: fuzz/run.sh says what is missing and skips.
 test-fuzz: deps

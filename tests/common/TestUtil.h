@@ -4,6 +4,7 @@
 #include <ftw.h>
 #include <linux/capability.h>
 #include <stdlib.h>
+#include <sys/file.h>
 #include <sys/stat.h>
 #include <sys/syscall.h>
 #include <unistd.h>
@@ -105,12 +106,19 @@ inline int ReadIntFile(const std::string& path) {
 // false when it could not be changed (no privilege): skip with reason().
 class ScopedSysctl {
 public:
-    ScopedSysctl(const std::string& path, int value) : _path(path), _old(ReadIntFile(path)) {
+    // Tests run in parallel processes: one setting is changed by one of them
+    // at a time, or a later one would save the earlier one's value and
+    // "restore" it for good.
+    ScopedSysctl(const std::string& path, int value)
+        : _lock(::open("/tmp/fn_test_sysctl.lock", O_RDWR | O_CREAT | O_CLOEXEC, 0600)), _path(path) {
+        if (_lock >= 0) ::flock(_lock, LOCK_EX);
+        _old = ReadIntFile(path);
         std::ofstream(path) << value << "\n";
         _ok = _old >= 0 && ReadIntFile(path) == value;
     }
     ~ScopedSysctl() {
         if (_old >= 0) std::ofstream(_path) << _old << "\n";
+        if (_lock >= 0) ::close(_lock);  // and with it the lock
     }
     ScopedSysctl(const ScopedSysctl&) = delete;
     ScopedSysctl& operator=(const ScopedSysctl&) = delete;
@@ -118,8 +126,9 @@ public:
     std::string reason() const { return "cannot set " + _path + " (needs root)"; }
 
 private:
+    int _lock;
     std::string _path;
-    int _old;
+    int _old = -1;
     bool _ok = false;
 };
 

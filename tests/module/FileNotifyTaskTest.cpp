@@ -6,7 +6,6 @@
 #include <atomic>
 #include <cerrno>
 #include <chrono>
-#include <filesystem>
 #include <string>
 #include <vector>
 
@@ -40,57 +39,6 @@ TEST(FileNotifyTask, StopsPromptlyDuringItsLongWait) {
     runner.Stop();
     EXPECT_LT(steady_clock::now() - start, milliseconds(2000));
     EXPECT_EQ(Poco::Task::TASK_FINISHED, task->state());
-}
-
-// A watched root moved away, deleted and made again while its tree changes, with
-// nothing else to turn the task's loop: watched again every time within
-// about a second (the simulated creation says so), and no kernel watch of
-// the old roots stays behind.
-TEST(FileNotifyTask, ARootMadeAgainIsWatchedAgainSoonAndLeavesNothingBehind) {
-    TestUtil::TempDir dir;
-    const std::string root = dir / "r/";
-    const std::string rootName = dir / "r";
-    TestUtil::MakeDir(root);
-    Poco::AutoPtr<Engine::FileNotifyTask> task(new Engine::FileNotifyTask());
-    Poco::AutoPtr<RecordingConsumer> consumer(new RecordingConsumer());
-    Framework::TaskRunner consumerRunner(consumer.get());
-    Framework::TaskRunner taskRunner(task.get());
-    ASSERT_EQ(0, consumerRunner.Start());
-    ASSERT_EQ(0, task->AddFileNotifyMsgConsumer(consumer->GetTaskId(), consumer.get()));
-    const unsigned int mask = IN_CREATE | IN_MOVE_SELF;
-    Engine::_FileNotifyOpt opt = TestUtil::InotifyOptions(mask, true);
-    opt.simulateCreate = true;
-    int id = 0;
-    ASSERT_EQ(0, task->AddInotifyWatch(consumer->GetTaskId(), root, mask, opt, id));
-    ASSERT_EQ(0, taskRunner.Start());
-    const auto seen = [&](unsigned int bits) {
-        const auto events = consumer->Events();
-        return std::any_of(events.begin(), events.end(),
-                           [&](const auto& e) { return e.path == rootName && e.mask == (bits | IN_ISDIR); });
-    };
-    // The simulated creation of the first add, before anything is cleared.
-    ASSERT_TRUE(TestUtil::WaitUntil([&] { return seen(IN_CREATE); }));
-    TestUtil::Churn churn(root);
-    for (int round = 0; round < 5; ++round) {
-        consumer->Clear();
-        // Moved away first: the churn would refill it between the steps of a
-        // removal in place.
-        const std::string gone = dir / ("gone" + std::to_string(round));
-        TestUtil::Rename(root, gone);
-        std::filesystem::remove_all(gone);
-        ASSERT_TRUE(TestUtil::WaitUntil([&] { return seen(IN_MOVE_SELF); })) << "round " << round;
-        TestUtil::MakeDir(root);
-        ASSERT_TRUE(TestUtil::WaitUntil([&] { return seen(IN_CREATE); }, std::chrono::milliseconds(3000)))
-            << "round " << round;
-    }
-    churn.Stop();
-    // Every event of the churn read: a file made now arrives after them.
-    TestUtil::Touch(root + "settled");
-    ASSERT_TRUE(TestUtil::WaitUntil([&] {
-        const auto events = consumer->Events();
-        return std::any_of(events.begin(), events.end(), [&](const auto& e) { return e.path == root + "settled"; });
-    }));
-    EXPECT_EQ(TestUtil::CountFolders(root), TestUtil::KernelInotifyWatches());
 }
 
 // Handled on this thread, whose bypasses are lowered: a path that cannot come
