@@ -1,6 +1,7 @@
 #include <fcntl.h>
 #include <sys/fanotify.h>
 #include <sys/inotify.h>
+#include <sys/resource.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -23,13 +24,16 @@
 #include "ChildProcess.h"
 #include "FileNotifyMessage.h"
 #include "FileNotifyTask.h"
+#include "FileNotifyWatchMessage.h"
 #include "HeldThread.h"
 #include "InotifyTestUtil.h"
+#include "LogCapture.h"
 #include "MixedTask.h"
 #include "RecordingConsumer.h"
 #include "TestUtil.h"
 #include "framework/TaskRunner.h"
 
+using TestUtil::OpeningChild;
 using TestUtil::RecordingConsumer;
 
 namespace {
@@ -146,6 +150,30 @@ struct OpenerReport {
     int wrong = 0;
     long long slowestNs = 0;
 };
+
+// The number the next descriptor would get: the limit is checked against it.
+int LowestFreeDescriptor() {
+    const int fd = ::dup(0);
+    if (fd >= 0) ::close(fd);
+    return fd;
+}
+
+// Asks the module, as consumer would, to watch tree recursively; the reply
+// (the watch id, "-1" when refused), or "none" when nothing came back.
+std::string WatchTree(Framework::Task& consumer, const std::string& tree) {
+    std::string reply = "none";
+    consumer.SyncSendMsg(
+        static_cast<unsigned long>(Framework::Task::FindTaskIdByName("filenotify_task")), "f",
+        new Engine::FileNotifyWatchMessage(&consumer, tree, {IN_CREATE}, TestUtil::InotifyOptions(IN_CREATE, true)),
+        reply, 5000, 1);
+    return reply;
+}
+
+// The errno of an open of path by a child (0: allowed); -1 when unanswered.
+int OpeningChildResult(const std::string& path) {
+    OpeningChild child(path);
+    return child.Wait(std::chrono::milliseconds(5000)) ? child.result() : -1;
+}
 
 long long MonotonicNs() {
     timespec at{};
@@ -298,9 +326,8 @@ TEST_F(StressTest, AKernelQueueOverflowIsToldAndLaterEventsFlow) {
     ASSERT_TRUE(TestUtil::WaitUntil(
         [&] {
             const auto events = consumer.Events();
-            return std::any_of(events.begin(), events.end(), [](const auto& e) {
-                return (e.mask & Engine::FileNotifyMessage::kOverflowMask) != 0;
-            });
+            return std::any_of(events.begin(), events.end(),
+                               [](const auto& e) { return (e.mask & Engine::FileNotifyMessage::kOverflowMask) != 0; });
         },
         std::chrono::milliseconds(30000)));
     TestUtil::Touch(dir / "after");
@@ -310,6 +337,61 @@ TEST_F(StressTest, AKernelQueueOverflowIsToldAndLaterEventsFlow) {
     }));
     // The events themselves are a few MiB; the module keeps no backlog of its own.
     EXPECT_LT(ResidentKiB() - before, 64L * 1024);
+}
+
+// Out of descriptors while a guard and a tree watch run: every held access
+// is answered (the kernel denies what the reader cannot take), a request
+// fails with its reason in the log, nothing crashes, and all works again
+// once descriptors are free.
+TEST_F(StressTest, OutOfDescriptorsEveryAccessIsAnsweredAndAllRecovers) {
+    const std::string missing = TestUtil::FanotifyMissing();
+    if (!missing.empty()) GTEST_SKIP() << missing;
+    TestUtil::LogCapture log(Engine::FileNotifyUtils::GetLoggerPtr());
+    Poco::AutoPtr<KeyJudge> judge(new KeyJudge());
+    Framework::TaskRunner judgeRunner(judge.get());
+    ASSERT_EQ(0, judgeRunner.Start());
+    ASSERT_EQ(0, task->AddFileNotifyMsgConsumer(judge->GetTaskId(), judge.get()));
+    judge->AddConsumer(task->GetTaskId(), "f", task.get());
+    const std::string guarded = dir / "g/";
+    const std::string tree = dir / "t/";
+    TestUtil::MakeDir(guarded);
+    TestUtil::Touch(guarded + "a.ok");
+    TestUtil::MakeDir(tree);
+    for (int i = 0; i < 20; ++i)
+        TestUtil::MakeDir(tree + "s" + std::to_string(i));
+    Engine::_FileNotifyOpt opt;
+    opt.watchChildFolder = true;
+    opt.permit = true;
+    int wd = 0;
+    ASSERT_EQ(0, task->GetFanotifyWatch().AddPermitWatch(judge->GetTaskId(), guarded, FAN_OPEN_PERM, opt, wd));
+    ASSERT_EQ(0, taskRunner.Start());
+
+    // The children open before the limit is lowered: only this process runs short.
+    rlimit saved{};
+    ASSERT_EQ(0, ::getrlimit(RLIMIT_NOFILE, &saved));
+    std::vector<std::unique_ptr<OpeningChild>> children;
+    {
+        rlimit tight = saved;
+        tight.rlim_cur = static_cast<rlim_t>(LowestFreeDescriptor() + 2);
+        ASSERT_EQ(0, ::setrlimit(RLIMIT_NOFILE, &tight));
+        TestUtil::AtScopeEnd restore([&] { ::setrlimit(RLIMIT_NOFILE, &saved); });
+        // Each access is answered: allowed, or denied by the kernel when the
+        // reader could not take its descriptor.
+        for (int i = 0; i < 8; ++i)
+            children.push_back(std::make_unique<OpeningChild>(guarded + "a.ok"));
+        for (auto& child : children) {
+            ASSERT_TRUE(child->Wait(std::chrono::milliseconds(5000))) << "an access was never answered";
+            EXPECT_TRUE(child->result() == 0 || child->result() == EPERM) << child->result();
+        }
+        // Not one descriptor left: the walk cannot open the tree.
+        tight.rlim_cur = static_cast<rlim_t>(LowestFreeDescriptor());
+        ASSERT_EQ(0, ::setrlimit(RLIMIT_NOFILE, &tight));
+        EXPECT_EQ("-1", WatchTree(*judge, tree));
+        const std::string said = "opendir " + tree + " failed, errno=" + std::to_string(EMFILE);
+        EXPECT_TRUE(log.Has(Engine::LOG_DEBUG, said)) << log.Dump();
+    }
+    EXPECT_EQ(0, OpeningChildResult(guarded + "a.ok"));
+    EXPECT_NE("-1", WatchTree(*judge, tree)) << log.Dump();
 }
 
 }  // namespace
