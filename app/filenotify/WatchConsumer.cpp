@@ -126,7 +126,10 @@ int WatchConsumer::FileNotifyMessageAction(Engine::FileNotifyMessage* message) {
     if (message->GetNotifyType() == 0 && (message->GetEventMask() & Engine::FileNotifyMessage::kWatchFailedMask) != 0) {
         std::string shown;
         AppendTextName(shown, message->GetEventFilePath());
-        std::cerr << "filenotify: " << shown << " exists but cannot be watched; trying again every second" << std::endl;
+        std::cerr << "filenotify: " << shown
+                  << (message->GetWatchId() < 0 ? " exists but cannot be watched; trying again every second"
+                                                : " cannot be watched (the watch limit?): its events are missed")
+                  << std::endl;
         return 0;
     }
     // Past --count the program is stopping: nothing more is printed. The

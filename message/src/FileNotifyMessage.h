@@ -35,11 +35,12 @@ public:
     // the path exists again. Back (as FAN_CREATE): the path is guarded (again).
     static constexpr unsigned int kPermitWatchLostMask = FileNotifyMask::kDeleteSelf;
     static constexpr unsigned int kPermitWatchBackMask = FileNotifyMask::kCreate;
-    // Mask of a watch failure report (as IN_IGNORED), notify type 0, the
-    // path as both path and watch file, watch id -1: the path exists but
-    // could not be watched (again); the watch stays pending and is tried
-    // again about once a second, and comes back as if the path had just
-    // appeared.
+    // Mask of a watch failure report (as IN_IGNORED), notify type 0: the
+    // path exists but could not be watched. Watch id -1 (the path is also
+    // the watch file): a watched root, which stays pending, is tried again
+    // about once a second and comes back as if the path had just appeared.
+    // Otherwise a folder new to the tree of that watch, whose events are
+    // missed (at most one such report a second).
     static constexpr unsigned int kWatchFailedMask = FileNotifyMask::kIgnored;
 
     FileNotifyMessage(int notifyType, const std::string& path, unsigned int mask);

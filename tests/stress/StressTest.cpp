@@ -13,6 +13,7 @@
 #include <ctime>
 #include <filesystem>
 #include <fstream>
+#include <functional>
 #include <map>
 #include <string>
 #include <vector>
@@ -392,6 +393,77 @@ TEST_F(StressTest, OutOfDescriptorsEveryAccessIsAnsweredAndAllRecovers) {
     }
     EXPECT_EQ(0, OpeningChildResult(guarded + "a.ok"));
     EXPECT_NE("-1", WatchTree(*judge, tree)) << log.Dump();
+}
+
+// The inotify watches of all processes of the machine: the per-user limit
+// must stay above what the others (the parallel tests) hold.
+int AllInotifyWatches() {
+    int count = 0;
+    for (const auto& process : std::filesystem::directory_iterator("/proc")) {
+        std::error_code error;
+        for (const auto& entry : std::filesystem::directory_iterator(process.path() / "fdinfo", error)) {
+            std::ifstream info(entry.path());
+            std::string line;
+            while (std::getline(info, line))
+                count += line.rfind("inotify wd:", 0) == 0 ? 1 : 0;
+        }
+    }
+    return count;
+}
+
+// In a child of its own user, whose watches count apart from root's: a
+// module watching a tree that grows past the watch limit. 0 when the
+// consumer was told and an old watch still reports; else what went wrong.
+int GrowPastTheLimit(const std::string& root, int folders) {
+    if (::setgid(65534) != 0 || ::setuid(65534) != 0) return 10;
+    Poco::AutoPtr<Engine::FileNotifyTask> task(new Engine::FileNotifyTask());
+    Poco::AutoPtr<RecordingConsumer> consumer(new RecordingConsumer("limited", 1 << 16));
+    Framework::TaskRunner consumerRunner(consumer.get());
+    if (consumerRunner.Start() != 0) return 11;
+    task->AddFileNotifyMsgConsumer(consumer->GetTaskId(), consumer.get());
+    int id = 0;
+    if (task->AddInotifyWatch(consumer->GetTaskId(), root, IN_CREATE, TestUtil::InotifyOptions(IN_CREATE, true), id) !=
+        0)
+        return 12;
+    Framework::TaskRunner taskRunner(task.get());
+    if (taskRunner.Start() != 0) return 13;
+    for (int i = 0; i < folders; ++i) {
+        if (::mkdir((root + "grown" + std::to_string(i)).c_str(), 0755) != 0) return 14;
+    }
+    const auto has = [&](const std::function<bool(const RecordingConsumer::Event&)>& test) {
+        return TestUtil::WaitUntil(
+            [&] {
+                const auto events = consumer->Events();
+                return std::any_of(events.begin(), events.end(), test);
+            },
+            std::chrono::milliseconds(30000));
+    };
+    if (!has([](const auto& e) { return (e.mask & Engine::FileNotifyMessage::kWatchFailedMask) != 0; })) return 15;
+    const std::string late = root + "old/late";
+    if (::mkdir(late.c_str(), 0755) != 0) return 16;
+    if (!has([&](const auto& e) { return e.path == late; })) return 17;
+    return 0;
+}
+
+// The inotify watch limit reached at run time: the consumer is told, and
+// the watches it has go on working.
+TEST(StressLimits, TheWatchLimitReachedWhileATreeGrowsIsToldAndOldWatchesWork) {
+    TestUtil::TempDir dir;
+    TestUtil::MakeDir(dir / "old");
+    ASSERT_EQ(0, ::chmod(dir.path().c_str(), 0777));
+    ASSERT_EQ(0, ::chmod((dir / "old").c_str(), 0777));
+    const int limit = AllInotifyWatches() + 2000;
+    TestUtil::ScopedSysctl lowered("/proc/sys/fs/inotify/max_user_watches", limit);
+    if (!lowered.ok()) GTEST_SKIP() << lowered.reason();
+    const pid_t pid = ::fork();
+    if (pid == 0) ::_exit(GrowPastTheLimit(dir.path(), limit + 500));
+    ASSERT_GT(pid, 0);
+    int status = -1;
+    ASSERT_TRUE(TestUtil::WaitUntil([&] { return ::waitpid(pid, &status, WNOHANG) == pid; },
+                                    std::chrono::milliseconds(120000)));
+    ASSERT_TRUE(WIFEXITED(status));
+    // 15: nobody was told; 17: the old watch went quiet.
+    EXPECT_EQ(0, WEXITSTATUS(status));
 }
 
 }  // namespace

@@ -680,6 +680,14 @@ int FileInotify::RefreshWatch(InotifyCallback callback, void* data) {
         }
         if (!refresh->addSubWatch) continue;
         if (RefreshAddSubWatch(refresh) != 0) FN_LOG(LOG_ERROR, "call AddSubWatch failed");
+        for (const std::string& folder : refresh->failedSubFolders) {
+            InotifyCallBackParm failed;
+            failed.type = InotifyCallBackParm::TYPE_WATCH_FAILED;
+            failed.fd = _fd;
+            failed.rootWd = refresh->rootWd;
+            failed.filePath = folder;
+            if (callback(failed, data) != 0) FN_LOG(LOG_ERROR, "call callback failed");
+        }
         // A folder's walk watches its subfolders without a word: each new
         // one is reported with what it holds when its own creation is read.
         for (const std::string& folder : refresh->reportSubFolders) {
@@ -754,8 +762,10 @@ int FileInotify::RefreshAddSubWatch(_RefreshWatchItem* refreshItem) {
         }
         int watchId = rootWd;
         if (AddWatch(folder, mask, watchId, watchChildFolder, watchSymLink, false) != 0) {
-            FN_LOG(IsChurn(errno) ? LOG_DEBUG : LOG_ERROR, "call AddWatch failed,addWatchFile=%s, rootEventWd=%d",
-                   folder, rootWd);
+            const bool churn = IsChurn(errno);
+            FN_LOG(churn ? LOG_DEBUG : LOG_ERROR, "call AddWatch failed,addWatchFile=%s, rootEventWd=%d", folder,
+                   rootWd);
+            if (!churn) refreshItem->failedSubFolders.insert(folder);
         }
     }
     return 0;

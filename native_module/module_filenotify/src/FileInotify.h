@@ -33,6 +33,7 @@ struct InotifyCallBackParm {
         TYPE_BATCH_END = 1,     // the descriptor has been drained
         TYPE_ROOT_REMOVED = 2,  // a watched root folder was deleted or moved away
         TYPE_OVERFLOW = 3,      // the kernel's queue overflowed: events of this instance were lost
+        TYPE_WATCH_FAILED = 4,  // a folder new to the tree of rootWd could not be watched (filePath)
     };
     int type = TYPE_EVENT;
     int fd = 0;                                   // the instance's descriptor (0 for TYPE_BATCH_END)
@@ -83,6 +84,8 @@ public:
         // Of addSubFolders, those created or moved in from outside the tree:
         // what they hold is reported as found once they are watched.
         std::set<std::string> reportSubFolders;
+        // Of addSubFolders, those that exist but could not be watched.
+        std::set<std::string> failedSubFolders;
     };
 
     // limit is not owned and must outlive the instance. Opens the descriptor.

@@ -193,6 +193,8 @@ int FileInotifyWatch::DoEventCallback(const InotifyCallBackParm& parm, void* con
             return self->ChangeAndRemoveWatchItems(parm.fd, parm.removedWd);
         case InotifyCallBackParm::TYPE_OVERFLOW:
             return self->SendOverflowMsg(parm.fd);
+        case InotifyCallBackParm::TYPE_WATCH_FAILED:
+            return self->SendWatchFailedMsg(parm.fd, parm.rootWd, parm.filePath);
         default:
             FN_CPU_YIELD();
             return 1;
@@ -271,6 +273,21 @@ int FileInotifyWatch::SendOverflowMsg(int fd) {
     std::set<int> taskIds;
     notifyWatchData.GetTaskIdSet(fd, taskIds);
     FlowControl().SendOverflowReports(taskIds, 0, fd);
+    return 0;
+}
+
+int FileInotifyWatch::SendWatchFailedMsg(int fd, int wd, const std::string& folder) {
+    // One a second at most: a tree that outgrows the limit fails folder by folder.
+    unsigned long held = 0;
+    if (!watchFailedLimit.Admit(held)) return 0;
+    const FileNotifyWatchData::OwnedList* records = notifyWatchData.FindWatchItems(fd, wd);
+    if (records == nullptr) return 0;
+    for (const auto& record : *records) {
+        auto message = std::make_unique<FileNotifyMessage>(0, folder, FileNotifyMessage::kWatchFailedMask);
+        message->SetWatchFile(wd, record->filePath);
+        message->SetExtParm(record->opt.extParm);
+        FlowControl().Send(record->taskId, std::move(message), -1);
+    }
     return 0;
 }
 

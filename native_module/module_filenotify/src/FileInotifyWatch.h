@@ -82,6 +82,9 @@ public:
     // The kernel's queue of instance fd overflowed: one loss report to each
     // task that watches through it.
     int SendOverflowMsg(int fd);
+    // A folder new to the tree of (fd, wd) could not be watched: a watch
+    // failure report to each task of that root, at most one a second.
+    int SendWatchFailedMsg(int fd, int wd, const std::string& folder);
     // Holds or releases the instance whose descriptor is fd; false when fd is
     // none of ours.
     bool HoldReader(int fd, bool held);
@@ -100,6 +103,7 @@ private:
     std::unique_ptr<FileInotify> fullFileInotify;
     std::map<int, FileInotify*> fileInotifyMap;
     FileNotifyWatchData notifyWatchData;
+    LogRateLimit watchFailedLimit;  // the watch failure reports
     std::map<int, std::unique_ptr<_EventItem>> eventItemMap;
     Framework::Task* notifyTask = nullptr;
 };
