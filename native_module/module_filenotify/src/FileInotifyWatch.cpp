@@ -177,11 +177,6 @@ int FileInotifyWatch::ChangeAndRemoveWatchItems(int fd, int oldWd) {
     return 0;
 }
 
-int FileInotifyWatch::ClearAllWatch() {
-    singleFileInotify->ClearWatch();
-    return fullFileInotify->ClearWatch();
-}
-
 int FileInotifyWatch::DoEventCallback(const InotifyCallBackParm& parm, void* context) {
     auto* self = static_cast<FileInotifyWatch*>(context);
     switch (parm.type) {

@@ -69,8 +69,6 @@ public:
     // A watched root has gone: its records become pending watches, made again
     // at once if the path is back already.
     int ChangeAndRemoveWatchItems(int fd, int oldWd);
-    // Removes every kernel watch; the records stay.
-    int ClearAllWatch();
 
     static int DoEventCallback(const InotifyCallBackParm& parm, void* context);
     int DoEvent(int fd, int wd, const InotifyCallBackParm& parm);

@@ -71,4 +71,9 @@ private:
 }  // namespace Engine
 
 // FN_LOG(Engine::LOG_DEBUG, "wd=%d", wd): one record with this file and line.
-#define FN_LOG(priority, ...) ::Engine::WriteLog((priority), __FILE__, __LINE__, __VA_ARGS__)
+// The arguments are evaluated only when the logger admits the priority.
+#define FN_LOG(priority, ...)                                                                                       \
+    do {                                                                                                            \
+        const int fnLogPriority = (priority);                                                                       \
+        if (::Engine::LogAdmits(fnLogPriority)) ::Engine::WriteLog(fnLogPriority, __FILE__, __LINE__, __VA_ARGS__); \
+    } while (false)

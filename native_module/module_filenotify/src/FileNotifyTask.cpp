@@ -252,8 +252,7 @@ void FileNotifyTask::TimerSchduler() {
         const std::string path = FileNotifyUtils::FormatFolderName(record.path);
         FN_LOG(LOG_DEBUG, "Timer detect new created file taskId=%d;watchedObject=%s;mask=%u", record.taskId, path,
                record.mask);
-        // Unlinked before the add: an add can come back here (a root that
-        // vanished and is back already runs the timer at once).
+        // Taken out for the add, and put back in its place if the add fails.
         std::unique_ptr<_PendingWatchItem> owned = std::move(*it);
         it = pendingWatchList.erase(it);
         int watchId = 0;

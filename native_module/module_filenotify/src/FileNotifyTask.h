@@ -90,7 +90,6 @@ public:
     // Frees every pending watch record.
     void ClearCache();
 
-    int GetPassCount() const { return passCount; }
     const std::list<std::unique_ptr<_PendingWatchItem>>& GetPendingWatchList() const { return pendingWatchList; }
     // Delivery of event messages to the consumers, for the engines.
     FileNotifyFlowControl& GetFlowControl() { return flowControl; }

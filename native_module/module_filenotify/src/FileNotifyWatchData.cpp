@@ -9,8 +9,6 @@
 
 namespace Engine {
 
-namespace {}  // namespace
-
 FileNotifyWatchData::~FileNotifyWatchData() {
     ClearCache();
 }
