@@ -2,6 +2,7 @@
 
 #include <fcntl.h>
 #include <stdlib.h>
+#include <sys/prctl.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -15,6 +16,9 @@
 #include <fstream>
 #include <string>
 #include <system_error>
+#include <vector>
+
+#include "framework/UniqueFd.h"
 
 namespace BenchUtil {
 
@@ -116,6 +120,52 @@ inline std::string StderrBeyondReady(const std::string& text, const char* readyT
     std::size_t from = text.find(readyText);
     if (from != std::string::npos) from = text.find('\n', from);
     return from == std::string::npos ? std::string() : OneLine(text.substr(from + 1));
+}
+
+// A child process of this program running args (args[0] a path), stdin
+// from /dev/null, stdout and stderr into non-blocking pipes (stdout's sized
+// pipeBytes, as far as the kernel allows). It dies with this program.
+struct PipedChild {
+    pid_t pid = -1;
+    Framework::UniqueFd out, err;
+};
+
+// An empty string, or what went wrong.
+inline std::string SpawnPiped(const std::vector<std::string>& args, int pipeBytes, PipedChild& child) {
+    int out[2] = {-1, -1};
+    int err[2] = {-1, -1};
+    if (::pipe2(out, O_CLOEXEC) != 0) return ErrnoText("pipe2");
+    Framework::UniqueFd outRead(out[0]), outWrite(out[1]);
+    if (::pipe2(err, O_CLOEXEC) != 0) return ErrnoText("pipe2");
+    Framework::UniqueFd errRead(err[0]), errWrite(err[1]);
+    const Framework::UniqueFd null(::open("/dev/null", O_RDONLY | O_CLOEXEC));
+    if (!null.valid()) return ErrnoText("open /dev/null");
+    ::fcntl(outRead.get(), F_SETPIPE_SZ, pipeBytes);  // best effort: the default also works
+    std::vector<char*> argv;
+    for (const std::string& arg : args)
+        argv.push_back(const_cast<char*>(arg.c_str()));
+    argv.push_back(nullptr);
+    const pid_t parent = ::getpid();
+    const pid_t pid = ::fork();
+    if (pid < 0) return ErrnoText("fork");
+    if (pid == 0) {
+        // Async-signal-safe calls only until exec: this program has threads.
+        ::prctl(PR_SET_PDEATHSIG, SIGKILL);
+        if (::getppid() != parent) ::_exit(127);
+        ::dup2(null.get(), 0);
+        ::dup2(outWrite.get(), 1);
+        ::dup2(errWrite.get(), 2);
+        ::execv(argv[0], argv.data());
+        static const char kFailed[] = "benchmark: exec failed\n";
+        (void)!::write(2, kFailed, sizeof(kFailed) - 1);
+        ::_exit(127);
+    }
+    ::fcntl(outRead.get(), F_SETFL, O_NONBLOCK);
+    ::fcntl(errRead.get(), F_SETFL, O_NONBLOCK);
+    child.pid = pid;
+    child.out = std::move(outRead);
+    child.err = std::move(errRead);
+    return std::string();
 }
 
 // Whether argv[i] is the option `name` followed by a whole number from 1 to

@@ -194,41 +194,15 @@ public:
 
     // An empty string, or what went wrong.
     std::string Spawn(const std::vector<std::string>& args) {
-        int out[2] = {-1, -1};
-        int err[2] = {-1, -1};
-        if (::pipe2(out, O_CLOEXEC) != 0) return ErrnoText("pipe2");
-        UniqueFd outRead(out[0]), outWrite(out[1]);
-        if (::pipe2(err, O_CLOEXEC) != 0) return ErrnoText("pipe2");
-        UniqueFd errRead(err[0]), errWrite(err[1]);
-        const UniqueFd null(::open("/dev/null", O_RDONLY | O_CLOEXEC));
-        if (!null.valid()) return ErrnoText("open /dev/null");
-        ::fcntl(outRead.get(), F_SETPIPE_SZ, kPipeBytes);  // best effort: the default also works
-        std::vector<char*> argv;
-        for (const std::string& arg : args)
-            argv.push_back(const_cast<char*>(arg.c_str()));
-        argv.push_back(nullptr);
-        const pid_t parent = ::getpid();
-        const pid_t pid = ::fork();
-        if (pid < 0) return ErrnoText("fork");
-        if (pid == 0) {
-            // Async-signal-safe calls only until exec: this program has threads.
-            ::prctl(PR_SET_PDEATHSIG, SIGKILL);
-            if (::getppid() != parent) ::_exit(127);
-            ::dup2(null.get(), 0);
-            ::dup2(outWrite.get(), 1);
-            ::dup2(errWrite.get(), 2);
-            ::execv(argv[0], argv.data());
-            static const char kFailed[] = "cli_bench: exec failed\n";
-            (void)!::write(2, kFailed, sizeof(kFailed) - 1);
-            ::_exit(127);
-        }
+        BenchUtil::PipedChild child;
+        const std::string error = BenchUtil::SpawnPiped(args, kPipeBytes, child);
+        if (!error.empty()) return error;
+        const pid_t pid = child.pid;
         _pid = pid;
         // Through syscall(): the pidfd_open declaration of glibc 2.36 lacks C linkage.
         _pidfd.reset(static_cast<int>(::syscall(SYS_pidfd_open, pid, 0)));
-        ::fcntl(outRead.get(), F_SETFL, O_NONBLOCK);
-        ::fcntl(errRead.get(), F_SETFL, O_NONBLOCK);
-        _out = std::move(outRead);
-        _err = std::move(errRead);
+        _out = std::move(child.out);
+        _err = std::move(child.err);
         return std::string();
     }
 

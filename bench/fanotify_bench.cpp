@@ -406,40 +406,15 @@ public:
 
     // An empty string, or what went wrong.
     std::string Spawn(const std::string& binary, const std::string& folder) {
-        int out[2] = {-1, -1};
-        int err[2] = {-1, -1};
-        if (::pipe2(out, O_CLOEXEC) != 0) return ErrnoText("pipe2");
-        UniqueFd outRead(out[0]), outWrite(out[1]);
-        if (::pipe2(err, O_CLOEXEC) != 0) return ErrnoText("pipe2");
-        UniqueFd errRead(err[0]), errWrite(err[1]);
-        const UniqueFd null(::open("/dev/null", O_RDONLY | O_CLOEXEC));
-        if (!null.valid()) return ErrnoText("open /dev/null");
-        ::fcntl(outRead.get(), F_SETPIPE_SZ, kPipeBytes);  // best effort: the default also works
-        const std::string command = "guard";
-        char* argv[] = {const_cast<char*>(binary.c_str()), const_cast<char*>(command.c_str()),
-                        const_cast<char*>(folder.c_str()), nullptr};
-        const pid_t parent = ::getpid();
-        const pid_t pid = ::fork();
-        if (pid < 0) return ErrnoText("fork");
-        if (pid == 0) {
-            // Async-signal-safe calls only until exec: this program has threads.
-            ::prctl(PR_SET_PDEATHSIG, SIGKILL);
-            if (::getppid() != parent) ::_exit(127);
-            ::dup2(null.get(), 0);
-            ::dup2(outWrite.get(), 1);
-            ::dup2(errWrite.get(), 2);
-            ::execv(argv[0], argv);
-            static const char kFailed[] = "fanotify_bench: exec failed\n";
-            (void)!::write(2, kFailed, sizeof(kFailed) - 1);
-            ::_exit(127);
-        }
+        BenchUtil::PipedChild child;
+        const std::string error = BenchUtil::SpawnPiped({binary, "guard", folder}, kPipeBytes, child);
+        if (!error.empty()) return error;
+        const pid_t pid = child.pid;
         _pid = pid;
         _pidfd.reset(PidFd(pid));
         if (!_pidfd.valid()) return ErrnoText("pidfd_open");
-        ::fcntl(outRead.get(), F_SETFL, O_NONBLOCK);
-        ::fcntl(errRead.get(), F_SETFL, O_NONBLOCK);
-        _out = std::move(outRead);
-        _err = std::move(errRead);
+        _out = std::move(child.out);
+        _err = std::move(child.err);
         _thread = std::thread([this] { Drain(); });
         return std::string();
     }

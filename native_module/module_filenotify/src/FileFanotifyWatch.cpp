@@ -280,11 +280,7 @@ void FileFanotifyWatch::NoteMovedPermitWatch(const std::string& path, PermitWatc
 
 void FileFanotifyWatch::SendPermitWatchReport(int taskId, int wd, const std::string& path, unsigned int mask,
                                               unsigned long extParm) {
-    if (task == nullptr) return;
-    auto message = std::make_unique<FileNotifyMessage>(2, path, mask);
-    message->SetWatchFile(wd, path);
-    message->SetExtParm(extParm);
-    FlowControl().Send(taskId, std::move(message), -1);
+    if (task != nullptr) FlowControl().SendReport(taskId, 2, path, mask, wd, path, extParm);
 }
 
 void FileFanotifyWatch::ClearPermitWatch() {

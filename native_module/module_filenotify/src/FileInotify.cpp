@@ -69,6 +69,17 @@ unsigned int KernelMask(unsigned int mask, bool tree, bool followLinks) {
     return mask;
 }
 
+// path as a folder of the maps ("/a" and "/a/" give "/a/").
+std::string AsFolder(const std::string& path) {
+    return !path.empty() && path.back() == '/' ? path : path + "/";
+}
+
+// path as events name it ("/a/" gives "/a"; "/" stays).
+std::string WithoutSlash(std::string path) {
+    if (path.size() > 1 && path.back() == '/') path.pop_back();
+    return path;
+}
+
 }  // namespace
 
 FileInotify::FileInotify(FileNotifyLimit* limit) : _limit(limit) {
@@ -135,9 +146,9 @@ bool FileInotify::GetSubFloderList(std::vector<std::string>& list, const std::st
     FN_LOG(LOG_DEBUG, "TraverseSubFolderSize =%z", list.size());
     // The walk read them: their opens and reads are no news to consumers.
     if (!isFile && watchChildFolder) {
-        _ownReads.insert(path.size() > 1 && path.back() == '/' ? path.substr(0, path.size() - 1) : path);
+        _ownReads.insert(WithoutSlash(path));
         for (const std::string& folder : list)
-            _ownReads.insert(folder.substr(0, folder.size() - 1));
+            _ownReads.insert(WithoutSlash(folder));
     }
     // The whole tree is checked once, before any kernel call, so a tree too
     // large is refused without a partial add.
@@ -200,7 +211,7 @@ int FileInotify::AddWatch(const std::string& path, unsigned int mask, int& watch
     }
     // The walk listed each folder before it was watched: what was made in
     // between is found now, each folder watched before it is read.
-    if (watchChildFolder && !isFile) Sweep(path.back() == '/' ? path : path + "/", rootWd, 1, nullptr, nullptr);
+    if (watchChildFolder && !isFile) Sweep(AsFolder(path), rootWd, 1, nullptr, nullptr);
     watchId = rootWd;
     UpdateWatchSize();
     return 0;
@@ -589,12 +600,11 @@ int FileInotify::AddRefreshWatchTask(_WatchItem* item, const std::string& path, 
     return 0;
 }
 
-bool FileInotify::IsOwnRead(std::string path, unsigned int mask) const {
+bool FileInotify::IsOwnRead(const std::string& path, unsigned int mask) const {
     constexpr unsigned int kReadBits = IN_OPEN | IN_ACCESS | IN_CLOSE_NOWRITE;
     if (_ownReads.empty() || (mask & IN_ISDIR) == 0 || (mask & kReadBits) == 0 || (mask & ~(kReadBits | IN_ISDIR)) != 0)
         return false;
-    if (path.size() > 1 && path.back() == '/') path.pop_back();
-    return _ownReads.count(path) != 0;
+    return _ownReads.count(WithoutSlash(path)) != 0;
 }
 
 bool FileInotify::IsFoundAlready(const std::string& path, unsigned int mask) {
@@ -637,14 +647,14 @@ void FileInotify::QueueResync(_WatchItem& item) {
         refresh.reCreateWatch = true;
     } else if (item.watchChildFolder && !item.isFile) {
         refresh.addSubWatch = true;
-        refresh.addSubFolders.insert(item.path.back() == '/' ? item.path : item.path + "/");
+        refresh.addSubFolders.insert(AsFolder(item.path));
     }
 }
 
 int FileInotify::ResyncUnder(const std::vector<std::string>& mountPoints, InotifyCallback callback, void* data) {
     bool queued = false;
     for (const auto& entry : _watchItemMap) {
-        const std::string root = entry.second->path.back() == '/' ? entry.second->path : entry.second->path + "/";
+        const std::string root = AsFolder(entry.second->path);
         const bool touched = std::any_of(mountPoints.begin(), mountPoints.end(), [&](const std::string& point) {
             return FileNotifyUtils::HasPrefix(point, root) || FileNotifyUtils::HasPrefix(root, point);
         });
@@ -704,10 +714,11 @@ void FileInotify::Sweep(const std::string& folder, int rootWd, int depth, Inotif
     auto root = _watchItemMap.find(rootWd);
     if (root == _watchItemMap.end()) return;
     _WatchItem* item = root->second.get();
+    const unsigned int kernelMask = KernelMask(item->mask, true, item->watchSymLink);
     std::unique_ptr<DIR, int (*)(DIR*)> dir(::opendir(folder.c_str()), &::closedir);
     if (!dir) return;  // gone meanwhile: its deletion is reported by the kernel
     // Our own reading is no news to the consumers.
-    _ownReads.insert(folder.size() > 1 ? folder.substr(0, folder.size() - 1) : folder);
+    _ownReads.insert(WithoutSlash(folder));
     if (callback != nullptr) {
         auto sub = _subFolderMap.find(folder);
         if (sub != _subFolderMap.end()) _watchSubItemMap[sub->second].swept = true;
@@ -725,8 +736,7 @@ void FileInotify::Sweep(const std::string& folder, int rootWd, int depth, Inotif
         // subfolders has no watch yet and would go unseen.
         const std::string subfolder = path + "/";
         if (isFolder && depth < kMaxTraverseDepth && _subFolderMap.count(subfolder) == 0 &&
-            _limit->GetPermitWatchSize() > 0 &&
-            AddSubFolderWatch(subfolder, KernelMask(item->mask, true, item->watchSymLink), item) == 0) {
+            _limit->GetPermitWatchSize() > 0 && AddSubFolderWatch(subfolder, kernelMask, item) == 0) {
             UpdateWatchSize();
         }
         if (callback != nullptr && _kernelCreated.count(path) == 0) {

@@ -187,7 +187,7 @@ private:
     bool IsFoundAlready(const std::string& path, unsigned int mask);
     // The open, read or close of a folder that a sweep read since the last
     // refresh: the module's own doing.
-    bool IsOwnRead(std::string path, unsigned int mask) const;
+    bool IsOwnRead(const std::string& path, unsigned int mask) const;
 
     int _fd = -1;
     std::unique_ptr<Framework::Event> _event;

@@ -278,10 +278,8 @@ int FileInotifyWatch::SendWatchFailedMsg(int fd, int wd, const std::string& fold
     const FileNotifyWatchData::OwnedList* records = notifyWatchData.FindWatchItems(fd, wd);
     if (records == nullptr) return 0;
     for (const auto& record : *records) {
-        auto message = std::make_unique<FileNotifyMessage>(0, folder, FileNotifyMessage::kWatchFailedMask);
-        message->SetWatchFile(wd, record->filePath);
-        message->SetExtParm(record->opt.extParm);
-        FlowControl().Send(record->taskId, std::move(message), -1);
+        FlowControl().SendReport(record->taskId, 0, folder, FileNotifyMessage::kWatchFailedMask, wd, record->filePath,
+                                 record->opt.extParm);
     }
     return 0;
 }

@@ -53,6 +53,14 @@ void FileNotifyFlowControl::SendOverflowReports(const std::set<int>& taskIds, in
         Send(taskId, LossReport(notifyType, 0), reader);
 }
 
+void FileNotifyFlowControl::SendReport(int taskId, int notifyType, const std::string& path, unsigned int mask,
+                                       int watchId, const std::string& watchFile, unsigned long extParm) {
+    auto message = std::make_unique<FileNotifyMessage>(notifyType, path, mask);
+    message->SetWatchFile(watchId, watchFile);
+    message->SetExtParm(extParm);
+    Send(taskId, std::move(message), -1);
+}
+
 void FileNotifyFlowControl::CountUnwoken(int taskId) {
     for (auto& entry : _unwoken) {
         if (entry.first != taskId) continue;

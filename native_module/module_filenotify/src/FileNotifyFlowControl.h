@@ -7,6 +7,7 @@
 #include <map>
 #include <memory>
 #include <set>
+#include <string>
 #include <utility>
 #include <vector>
 
@@ -65,6 +66,11 @@ public:
     // One report of an overflow of the kernel's queue (kOverflowMask, no
     // count) to each of taskIds, as Send.
     void SendOverflowReports(const std::set<int>& taskIds, int notifyType, int reader);
+    // A report of the module's own about a watch (a FileNotifyMessage of
+    // notifyType with path and mask, for the watch watchId of watchFile),
+    // sent as Send with no reader.
+    void SendReport(int taskId, int notifyType, const std::string& path, unsigned int mask, int watchId,
+                    const std::string& watchFile, unsigned long extParm);
     void WakeConsumers();
     // Whether Service has work now: a drain was signalled, or a congested
     // consumer's progress is due to be looked at.

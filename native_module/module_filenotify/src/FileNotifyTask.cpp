@@ -169,10 +169,8 @@ int FileNotifyTask::AddInotifyWatch(int taskId, const std::string& path, unsigne
         const unsigned int created = SDK::DirUtils::IsDir(path)
                                          ? (FileNotifyMask::kCreate | FileNotifyMask::kOnDirectory)
                                          : FileNotifyMask::kCreate;
-        auto message = std::make_unique<FileNotifyMessage>(0, path, created);
-        message->SetExtParm(opt.extParm);
-        message->SetWatchFile(watchId, path);  // the watch it announces, like its later events
-        flowControl.Send(taskId, std::move(message), -1);
+        // Of the watch it announces, like its later events.
+        flowControl.SendReport(taskId, 0, path, created, watchId, path, opt.extParm);
         FN_LOG(LOG_DEBUG, "simulate send add mesage taskId=%d;watchedObject=%s;mask=%u", taskId, path, created);
     }
     return 0;
@@ -289,10 +287,8 @@ void FileNotifyTask::ReportFailedAdd(_PendingWatchItem& record) {
     if (record.failed || !FileNotifyUtils::IsExistFilePath(record.path)) return;
     record.failed = true;
     FN_LOG(LOG_ERROR, "call AddWatch failed m_filePath=%s", record.path);
-    auto message = std::make_unique<FileNotifyMessage>(0, record.path, FileNotifyMessage::kWatchFailedMask);
-    message->SetWatchFile(-1, record.path);
-    message->SetExtParm(record.opt.extParm);
-    flowControl.Send(record.taskId, std::move(message), -1);
+    flowControl.SendReport(record.taskId, 0, record.path, FileNotifyMessage::kWatchFailedMask, -1, record.path,
+                           record.opt.extParm);
 }
 
 void FileNotifyTask::ClearCache() {
