@@ -87,6 +87,7 @@ bench: build
 	$(BUILD)/bin/module_bench
 	$(BUILD)/bin/fanotify_bench
 	$(BUILD)/bin/cli_bench
+	$(BUILD)/bin/tree_bench
 
 format:
 	git ls-files '*.cpp' '*.h' | xargs clang-format -i

@@ -365,9 +365,9 @@ void BM_WatchMemory(benchmark::State& state) {
         ::malloc_trim(0);
         const long rssTrimmed = ResidentBytes();
         const auto perFolder = [](long bytes) { return static_cast<double>(bytes) / kTreeFolders; };
-        // Heap: bytes still allocated after the add (the walk's path list is
-        // freed by then). RSS: also the pages the allocator keeps from that
-        // list, unless trimmed. Kernel memory of the watches is in neither.
+        // Heap: bytes still allocated after the add. RSS: also the pages
+        // the allocator keeps from the walk's temporaries, unless trimmed.
+        // Kernel memory of the watches is in neither.
         state.counters["heap_B_per_folder"] = perFolder(heapAfter - heapBefore);
         state.counters["rss_B_per_folder"] = perFolder(rssAfter - rssBefore);
         state.counters["rss_trimmed_B_per_folder"] = perFolder(rssTrimmed - rssBefore);

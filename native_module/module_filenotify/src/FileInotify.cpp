@@ -86,10 +86,12 @@ FileInotify::FileInotify(FileNotifyLimit* limit) : _limit(limit) {
     Initialize();
 }
 
+// Closing the descriptor drops every kernel watch at once: a large tree
+// stops without a call per folder.
 FileInotify::~FileInotify() {
+    Finalize();
     ClearWatch();
     ClearRefreshWatch();
-    Finalize();
 }
 
 int FileInotify::Initialize() {
@@ -130,38 +132,42 @@ void FileInotify::UpdateWatchSize() {
     _watchSize = size;
 }
 
-bool FileInotify::GetSubFloderList(std::vector<std::string>& list, const std::string& path, bool watchSymLink,
-                                   bool watchChildFolder, bool isFile) {
+bool FileInotify::TreeFitsLimit(const std::string& path, unsigned int mask, bool watchChildFolder, bool watchSymLink,
+                                bool isFile) {
     FN_LOG(LOG_DEBUG, "call watchChildFolder=%b,isFile=%b,watchSymLink=%b", watchChildFolder, isFile, watchSymLink);
+    // The whole tree is checked once, before any kernel call, so a tree too
+    // large is refused without a partial add. Folders watched already (a
+    // tree walked again) need no new watch.
+    int needed = 1;
+    std::size_t folders = 0;
     if (!isFile && watchChildFolder) {
         FileNotifyUtils::_FolderTraverseLimit limit;
         limit.MAX_DEPTH = kMaxTraverseDepth;
-        if (FileNotifyUtils::TraverseSubFolder(path, list, limit, watchSymLink) != 0) {
+        // The walk reads them: their opens and reads are no news to consumers.
+        NoteOwnRead(mask, path);
+        const auto count = [&](const std::string& folder) {
+            ++folders;
+            needed += _subFolderMap.count(folder) == 0 ? 1 : 0;
+            NoteOwnRead(mask, folder);
+        };
+        if (FileNotifyUtils::TraverseSubFolder(path, count, limit) != 0) {
             const int error = errno;
             FN_LOG(IsChurn(error) ? LOG_DEBUG : LOG_ERROR, "failed to TraverseSubFolder  %s", path);
             errno = error;
             return false;
         }
     }
-    FN_LOG(LOG_DEBUG, "TraverseSubFolderSize =%z", list.size());
-    // The walk read them: their opens and reads are no news to consumers.
-    if (!isFile && watchChildFolder) {
-        _ownReads.insert(WithoutSlash(path));
-        for (const std::string& folder : list)
-            _ownReads.insert(WithoutSlash(folder));
-    }
-    // The whole tree is checked once, before any kernel call, so a tree too
-    // large is refused without a partial add.
-    // Folders watched already (a tree walked again) need no new watch.
-    int needed = 1;
-    for (const std::string& folder : list)
-        needed += _subFolderMap.count(folder) == 0 ? 1 : 0;
+    FN_LOG(LOG_DEBUG, "TraverseSubFolderSize =%z", folders);
     if (_limit->GetPermitWatchSize() >= needed) return true;
     _limit->AutoScaleLimit();
     if (_limit->GetPermitWatchSize() >= needed) return true;
     FN_LOG(LOG_ERROR, "new Watch size %d is over than max size  %d", needed, _limit->GetPermitWatchSize());
     errno = 0;  // a refusal of ours, not a change of the tree
     return false;
+}
+
+void FileInotify::NoteOwnRead(unsigned int mask, const std::string& folder) {
+    if ((mask & (IN_OPEN | IN_ACCESS | IN_CLOSE_NOWRITE)) != 0) _ownReads.insert(WithoutSlash(folder));
 }
 
 int FileInotify::AddWatch(const std::string& path, unsigned int mask, int& watchId, const _FileNotifyOpt& opt) {
@@ -171,17 +177,14 @@ int FileInotify::AddWatch(const std::string& path, unsigned int mask, int& watch
 
 int FileInotify::AddWatch(const std::string& path, unsigned int mask, int& watchId, bool watchChildFolder,
                           bool watchSymLink, bool isFile) {
-    std::vector<std::string> list;
-    if (!GetSubFloderList(list, path, watchSymLink, watchChildFolder, isFile)) return 1;
-    const unsigned int kernelMask = KernelMask(mask, watchChildFolder && !isFile, watchSymLink);
+    if (!TreeFitsLimit(path, mask, watchChildFolder, watchSymLink, isFile)) return 1;
+    const bool tree = watchChildFolder && !isFile;
+    const unsigned int kernelMask = KernelMask(mask, tree, watchSymLink);
     std::vector<int> placed;  // kernel watches this call added: undone if it fails
     int rootWd = 0;
     if (watchId >= 1) {
         FN_LOG(LOG_DEBUG, "only add subfoder for watchId=%d", watchId);
         rootWd = watchId;
-        // The new folder first, so that what appears in it from now on is
-        // reported; then its subfolders, listed deepest first.
-        list.insert(list.begin(), path);
     } else {
         FN_LOG(LOG_DEBUG, "add watch root folder %s", path);
         const int result = AddWatchImpl(path, kernelMask, rootWd);
@@ -189,7 +192,7 @@ int FileInotify::AddWatch(const std::string& path, unsigned int mask, int& watch
             FN_LOG(LOG_ERROR, "failed to AddWatchImpl  %s", path);
             return result;
         }
-        if (_watchItemMap.count(rootWd) == 0 && _watchSubItemMap.count(rootWd) == 0) placed.push_back(rootWd);
+        if (_watchItemMap.count(rootWd) == 0 && FindSub(rootWd) == nullptr) placed.push_back(rootWd);
     }
     // The kernel gives an inode already watched on this descriptor its old
     // descriptor again: such a root is reused as it is.
@@ -199,29 +202,29 @@ int FileInotify::AddWatch(const std::string& path, unsigned int mask, int& watch
     if (item && watchId < 1) item->mask = mask;
     const bool newItem = !item;
     if (newItem)
-        item = std::make_unique<_WatchItem>(_WatchItem{rootWd, path, mask, watchChildFolder, watchSymLink, isFile, {}});
-    for (const std::string& folder : list) {
-        FN_LOG(LOG_DEBUG, "add watch subfolder %s", folder);
-        const int result = AddSubFolderWatch(folder, kernelMask, item.get(), &placed);
-        if (result != 0) {
-            FN_LOG(LOG_ERROR, "failed to TraverseSubFolder  %s", folder);
-            Undo(placed, newItem ? rootWd : 0);
-            return result;
-        }
+        item = std::make_unique<_WatchItem>(_WatchItem{rootWd, path, mask, watchChildFolder, watchSymLink, isFile});
+    // The new folder first, so that what appears in it from now on is
+    // reported; then each folder below it is watched before it is read.
+    int result = 0;
+    if (watchId >= 1) {
+        FN_LOG(LOG_DEBUG, "add watch subfolder %s", path);
+        result = AddSubFolderWatch(AsFolder(path), kernelMask, item.get(), &placed);
     }
-    // The walk listed each folder before it was watched: what was made in
-    // between is found now, each folder watched before it is read.
-    if (watchChildFolder && !isFile) Sweep(AsFolder(path), rootWd, 1, nullptr, nullptr);
+    if (result == 0 && tree) result = Sweep(AsFolder(path), rootWd, 1, nullptr, nullptr, &placed);
+    if (result != 0) {
+        FN_LOG(LOG_ERROR, "failed to TraverseSubFolder  %s", path);
+        Undo(placed, newItem ? rootWd : 0);
+        return result;
+    }
     watchId = rootWd;
     UpdateWatchSize();
     return 0;
 }
 
 void FileInotify::Undo(const std::vector<int>& placed, int newRootWd) {
-    for (auto wd = placed.rbegin(); wd != placed.rend(); ++wd) {
-        if (*wd == newRootWd) continue;
-        RemoveSubFolderWatch(*wd);
-    }
+    std::vector<int> subs;
+    std::copy_if(placed.rbegin(), placed.rend(), std::back_inserter(subs), [&](int wd) { return wd != newRootWd; });
+    RemoveSubFolderWatches(subs);
     if (newRootWd != 0) {
         RemoveWatchImpl(newRootWd);
         _watchItemMap.erase(newRootWd);
@@ -281,21 +284,20 @@ int FileInotify::AddSubFolderWatch(const std::string& path, unsigned int mask, _
     // A second path to an inode already watched (a link, or a folder added
     // again by a parent's walk) records nothing new. That includes a root of
     // this instance: a link back to it must not rename the root's events.
-    if (_watchItemMap.count(wd) != 0) return 0;
+    if (_watchItemMap.count(wd) != 0 || FindSub(wd) != nullptr) return 0;
     // The path known under another descriptor: that folder was replaced
     // while its events were lost (an overflow), its watch is gone, or it is
     // covered by a mount, and the watch on the folder underneath goes.
     auto known = _subFolderMap.find(path);
-    if (known != _subFolderMap.end() && known->second != wd) {
-        RemoveWatchImpl(known->second);
-        _watchSubItemMap.erase(known->second);
-        _subFolderMap.erase(known);
+    if (known != _subFolderMap.end()) {
+        RemoveWatchImpl(known->second.wd);
+        ForgetSubFolders({known->second.wd});
     }
-    if (_watchSubItemMap.emplace(wd, _WatchSubItem{item->rootWd, path}).second) {
-        item->subWdList.push_back(wd);
-        _subFolderMap.emplace(path, wd);
-        if (placed != nullptr) placed->push_back(wd);
-    }
+    const auto folder = _subFolderMap.emplace(path, _SubFolder{wd, false}).first;
+    const auto at = std::upper_bound(_watchSubItemMap.begin(), _watchSubItemMap.end(), wd,
+                                     [](int key, const _WatchSubItem& sub) { return key < sub.wd; });
+    _watchSubItemMap.insert(at, _WatchSubItem{wd, item->rootWd, folder});
+    if (placed != nullptr) placed->push_back(wd);
     FN_LOG(LOG_DEBUG, "AddSubFolderWatch end");
     return 0;
 }
@@ -318,14 +320,11 @@ int FileInotify::RemoveWatch(int watchId, bool removeRootWatch) {
         UpdateWatchSize();
         return 0;
     }
-    for (int subWd : found->second->subWdList) {
-        FN_CPU_YIELD();
-        const int result = RemoveSubFolderWatch(subWd);
-        if (result != 0) {
-            FN_LOG(LOG_ERROR, "failed to RemoveSubFolderWatch subFolderWatchId=%d", subWd);
-            return result;
-        }
+    std::vector<int> subs;
+    for (const _WatchSubItem& sub : _watchSubItemMap) {
+        if (sub.rootWd == watchId) subs.push_back(sub.wd);
     }
+    RemoveSubFolderWatches(subs);
     _watchItemMap.erase(found);
     UpdateWatchSize();
     return 0;
@@ -355,40 +354,60 @@ int FileInotify::RemoveWatchImpl(int wd) {
 }
 
 int FileInotify::RemoveSubFolderWatch(int wd) {
-    FN_LOG(LOG_DEBUG, "RemoveSubFolderWatch subFolderWatchId=%d", wd);
-    int result = RemoveWatchImpl(wd);
-    if (result != 0) {
-        FN_LOG(LOG_ERROR, "failed to RemoveWatchImpl subFolderWatchId=%d", wd);
-        return result;
-    }
-    FN_LOG(LOG_DEBUG, "remove subFolderWatchId=%d", wd);
-    result = DeleteSubFolderCache(wd);
-    if (result != 0) {
-        FN_LOG(LOG_ERROR, "failed to DeleteSubFolderCache subFolderWatchId=%d", wd);
-        return result;
-    }
+    RemoveSubFolderWatches({wd});
     return 0;
 }
 
-// The root's subWdList keeps wd: a later removal of the stale entry fails
-// quietly in the kernel, which is cheaper than searching the list here.
+// A removal of the kernel watch cannot fail but for a bad descriptor, which
+// RemoveWatchImpl reports; the bookkeeping goes in any case.
+void FileInotify::RemoveSubFolderWatches(const std::vector<int>& wds) {
+    for (int wd : wds) {
+        FN_LOG(LOG_DEBUG, "RemoveSubFolderWatch subFolderWatchId=%d", wd);
+        if (RemoveWatchImpl(wd) != 0) FN_LOG(LOG_ERROR, "failed to RemoveWatchImpl subFolderWatchId=%d", wd);
+        FN_LOG(LOG_DEBUG, "remove subFolderWatchId=%d", wd);
+    }
+    ForgetSubFolders(wds);
+}
+
 int FileInotify::DeleteSubFolderCache(int wd) {
-    FN_LOG(LOG_DEBUG, "DeleteSubFolderCache  watchId=%d", wd);
-    auto found = _watchSubItemMap.find(wd);
-    if (found == _watchSubItemMap.end()) return 0;
-    _subFolderMap.erase(found->second.path);
-    _watchSubItemMap.erase(found);
+    ForgetSubFolders({wd});
     return 0;
+}
+
+const FileInotify::_WatchSubItem* FileInotify::FindSub(int wd) const {
+    const auto at = std::lower_bound(_watchSubItemMap.begin(), _watchSubItemMap.end(), wd,
+                                     [](const _WatchSubItem& sub, int key) { return sub.wd < key; });
+    return at != _watchSubItemMap.end() && at->wd == wd ? &*at : nullptr;
+}
+
+void FileInotify::ForgetSubFolders(std::vector<int> wds) {
+    if (wds.empty()) return;
+    std::sort(wds.begin(), wds.end());
+    auto kept = _watchSubItemMap.begin();
+    for (auto sub = _watchSubItemMap.begin(); sub != _watchSubItemMap.end(); ++sub) {
+        if (std::binary_search(wds.begin(), wds.end(), sub->wd)) {
+            FN_LOG(LOG_DEBUG, "DeleteSubFolderCache  watchId=%d", sub->wd);
+            _subFolderMap.erase(sub->folder);
+        } else {
+            *kept++ = *sub;
+        }
+    }
+    _watchSubItemMap.erase(kept, _watchSubItemMap.end());
 }
 
 int FileInotify::ClearWatch() {
     FN_LOG(LOG_DEBUG, "ClearWatch");
-    std::set<int> roots;
-    for (const auto& entry : _watchItemMap)
-        roots.insert(entry.first);
-    for (int root : roots)
-        RemoveWatch(root);
-    _watchItemMap.clear();  // the roots whose removal failed
+    if (_fd >= 0) {
+        std::vector<int> roots;
+        for (const auto& entry : _watchItemMap)
+            roots.push_back(entry.first);
+        for (int root : roots)
+            RemoveWatch(root);
+    }
+    _watchItemMap.clear();  // all of them once the descriptor is closed
+    _watchSubItemMap.clear();
+    _watchSubItemMap.shrink_to_fit();
+    _subFolderMap.clear();
     UpdateWatchSize();
     return 0;
 }
@@ -512,13 +531,12 @@ int FileInotify::DoWithEvents(const char* buffer, int length, InotifyCallback ca
 
 bool FileInotify::GetNotifyCallbackPara(const struct inotify_event* event, int& wd, std::string& path, bool& selfEvent,
                                         _WatchItem** item) {
-    auto sub = _watchSubItemMap.find(wd);
-    if (sub != _watchSubItemMap.end()) {
-        wd = sub->second.rootWd;
+    if (const _WatchSubItem* sub = FindSub(wd)) {
+        wd = sub->rootWd;
         if (event->len > 0) {
-            path = JoinPath(sub->second.path, event);
+            path = JoinPath(sub->path(), event);
         } else if ((event->mask & (kSelfGone | IN_UNMOUNT)) != 0) {
-            path = sub->second.path;
+            path = sub->path();
             selfEvent = true;
         } else {
             return true;  // attributes, opens and the like of the subfolder itself
@@ -702,43 +720,35 @@ int FileInotify::RefreshWatch(InotifyCallback callback, void* data) {
         // one is reported with what it holds when its own creation is read.
         for (const std::string& folder : refresh->reportSubFolders) {
             auto known = _subFolderMap.find(folder);
-            if (known != _subFolderMap.end() && !_watchSubItemMap[known->second].swept)
-                Sweep(folder, refresh->rootWd, 1, callback, data);
+            if (known != _subFolderMap.end() && !known->second.swept) Sweep(folder, refresh->rootWd, 1, callback, data);
         }
     }
     _kernelCreated.clear();
     return 0;
 }
 
-void FileInotify::Sweep(const std::string& folder, int rootWd, int depth, InotifyCallback callback, void* data) {
+int FileInotify::Sweep(const std::string& folder, int rootWd, int depth, InotifyCallback callback, void* data,
+                       std::vector<int>* placed) {
     auto root = _watchItemMap.find(rootWd);
-    if (root == _watchItemMap.end()) return;
+    if (root == _watchItemMap.end()) return 0;
     _WatchItem* item = root->second.get();
     const unsigned int kernelMask = KernelMask(item->mask, true, item->watchSymLink);
     std::unique_ptr<DIR, int (*)(DIR*)> dir(::opendir(folder.c_str()), &::closedir);
-    if (!dir) return;  // gone meanwhile: its deletion is reported by the kernel
+    if (!dir) return 0;  // gone meanwhile: its deletion is reported by the kernel
     // Our own reading is no news to the consumers.
-    _ownReads.insert(WithoutSlash(folder));
+    NoteOwnRead(item->mask, folder);
     if (callback != nullptr) {
         auto sub = _subFolderMap.find(folder);
-        if (sub != _subFolderMap.end()) _watchSubItemMap[sub->second].swept = true;
+        if (sub != _subFolderMap.end()) sub->second.swept = true;
     }
     while (const struct dirent* entry = ::readdir(dir.get())) {  // NOLINT(concurrency-mt-unsafe): one stream per call
-        const std::string name = entry->d_name;
-        if (name == "." || name == "..") continue;
+        const char* name = entry->d_name;
+        if (std::strcmp(name, ".") == 0 || std::strcmp(name, "..") == 0) continue;
         FN_CPU_YIELD();
-        const std::string path = folder + name;
+        std::string path = folder + name;
         bool isFolder = entry->d_type == DT_DIR;
         struct stat status {};
         if (entry->d_type == DT_UNKNOWN && ::lstat(path.c_str(), &status) == 0) isFolder = S_ISDIR(status.st_mode);
-        // Watched before it is read: what comes into it later is the kernel's
-        // to report. A folder made after the walk that listed its parent's
-        // subfolders has no watch yet and would go unseen.
-        const std::string subfolder = path + "/";
-        if (isFolder && depth < kMaxTraverseDepth && _subFolderMap.count(subfolder) == 0 &&
-            _limit->GetPermitWatchSize() > 0 && AddSubFolderWatch(subfolder, kernelMask, item) == 0) {
-            UpdateWatchSize();
-        }
         if (callback != nullptr && _kernelCreated.count(path) == 0) {
             InotifyCallBackParm parm;
             parm.fd = _fd;
@@ -749,9 +759,25 @@ void FileInotify::Sweep(const std::string& folder, int rootWd, int depth, Inotif
             if (callback(parm, data) != 0) FN_LOG(LOG_ERROR, "call callback failed");
             _found.insert(path);
         }
+        if (!isFolder) continue;
+        path += '/';
+        // Watched before it is read: what comes into it later is the kernel's
+        // to report. An add watches the folders known already again: a root
+        // added again brings a wider mask.
+        const bool known = _subFolderMap.count(path) != 0;
+        if (depth < kMaxTraverseDepth &&
+            ((known && callback == nullptr) || (!known && _limit->GetPermitWatchSize() > 0))) {
+            FN_LOG(LOG_DEBUG, "add watch subfolder %s", path);
+            const int result = AddSubFolderWatch(path, kernelMask, item, placed);
+            if (result != 0 && callback == nullptr) return result;
+            if (result == 0) UpdateWatchSize();
+        }
         // Only folders this tree watches are walked: links are not entered.
-        if (isFolder && _subFolderMap.count(subfolder) != 0) Sweep(subfolder, rootWd, depth + 1, callback, data);
+        if (_subFolderMap.count(path) == 0) continue;
+        const int result = Sweep(path, rootWd, depth + 1, callback, data, placed);
+        if (result != 0) return result;
     }
+    return 0;
 }
 
 int FileInotify::RefreshAddSubWatch(_RefreshWatchItem* refreshItem) {
@@ -791,16 +817,10 @@ int FileInotify::RefreshRemoveSubWatch(const _RefreshWatchItem* refreshItem) {
         for (auto it = _subFolderMap.lower_bound(removed);
              it != _subFolderMap.end() && FileNotifyUtils::HasPrefix(it->first, removed); ++it) {
             FN_LOG(LOG_DEBUG, "remove file,watchFile=%s", it->first);
-            gone.push_back(it->second);
+            gone.push_back(it->second.wd);
         }
     }
-    for (int wd : gone) {
-        const int result = RemoveSubFolderWatch(wd);
-        if (result != 0) {
-            FN_LOG(LOG_ERROR, "call RemoveSubFolderWatch failed,Wd=%d", wd);
-            return result;
-        }
-    }
+    RemoveSubFolderWatches(gone);
     UpdateWatchSize();
     return 0;
 }

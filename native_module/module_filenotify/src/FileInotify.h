@@ -3,7 +3,6 @@
 #include <sys/inotify.h>
 
 #include <chrono>
-#include <list>
 #include <map>
 #include <memory>
 #include <set>
@@ -65,12 +64,20 @@ public:
         bool watchChildFolder = false;
         bool watchSymLink = false;
         bool isFile = false;
-        std::list<int> subWdList;  // subfolder watches added under this root; may hold stale entries
     };
-    struct _WatchSubItem {
-        int rootWd = 0;
-        std::string path;    // ends in "/"
+    // A watched subfolder, under its path (ending in "/") in _subFolderMap.
+    struct _SubFolder {
+        int wd = 0;
         bool swept = false;  // what it held when it came was reported
+    };
+    using SubFolderMap = std::map<std::string, _SubFolder>;
+    // The descriptor of a watched subfolder, its root and its path: one
+    // entry of _watchSubItemMap, which is sorted by wd.
+    struct _WatchSubItem {
+        int wd = 0;
+        int rootWd = 0;
+        SubFolderMap::iterator folder;
+        const std::string& path() const { return folder->first; }
     };
     // Tree changes of one root, queued by events and applied once per batch.
     struct _RefreshWatchItem {
@@ -107,10 +114,11 @@ public:
     int AddWatch(const std::string& path, unsigned int mask, int& watchId, const _FileNotifyOpt& opt);
     int AddWatch(const std::string& path, unsigned int mask, int& watchId, bool watchChildFolder, bool watchSymLink,
                  bool isFile);
-    // Lists the subfolders to watch into list and tells whether the tree
-    // (list + the root) fits the permitted number of further watches.
-    bool GetSubFloderList(std::vector<std::string>& list, const std::string& path, bool watchSymLink,
-                          bool watchChildFolder, bool isFile);
+    // Walks the tree once, keeping nothing but a count, and tells whether its
+    // folders not watched yet (and the root) fit the permitted number of
+    // further watches.
+    bool TreeFitsLimit(const std::string& path, unsigned int mask, bool watchChildFolder, bool watchSymLink,
+                       bool isFile);
     int AddWatchImpl(const std::string& path, unsigned int mask, int& wd);
     // A folder gone since the walk, or one without read permission, is
     // skipped (0). placed, when given, collects the kernel watches new to
@@ -126,6 +134,8 @@ public:
     int RemoveWatchImpl(int wd);
     int RemoveSubFolderWatch(int wd);
     int DeleteSubFolderCache(int wd);
+    // Removes every watch. Once the descriptor is closed (Finalize), the
+    // kernel has dropped them all: only the bookkeeping goes, in bulk.
     int ClearWatch();
     bool PathInSubFolderMap(const std::string& path) const { return _subFolderMap.count(path) != 0; }
     void UpdateWatchSize();
@@ -180,8 +190,19 @@ private:
     static bool IsChurn(int error);
     // Watches every folder below folder (ends in "/") not watched yet, each
     // before it is read, and with a callback reports every file and folder
-    // there as created (found); depth counts the levels walked.
-    void Sweep(const std::string& folder, int rootWd, int depth, InotifyCallback callback, void* data);
+    // there as created (found); depth counts the levels walked. Without a
+    // callback a watch that fails for another reason than a changing tree
+    // ends the sweep with its code; placed collects the watches added.
+    int Sweep(const std::string& folder, int rootWd, int depth, InotifyCallback callback, void* data,
+              std::vector<int>* placed = nullptr);
+    const _WatchSubItem* FindSub(int wd) const;
+    // Forgets the subfolders of these descriptors, in one pass.
+    void ForgetSubFolders(std::vector<int> wds);
+    // Kernel watch and bookkeeping of each subfolder of wds.
+    void RemoveSubFolderWatches(const std::vector<int>& wds);
+    // The paths of a tree's folders are remembered as read by the module
+    // itself only when the tree's consumers may hear of reads.
+    void NoteOwnRead(unsigned int mask, const std::string& folder);
     // An event on a path reported as found in the last refresh: the kernel's
     // report of the same creation is dropped, once.
     bool IsFoundAlready(const std::string& path, unsigned int mask);
@@ -192,9 +213,11 @@ private:
     int _fd = -1;
     std::unique_ptr<Framework::Event> _event;
     std::map<int, std::unique_ptr<_WatchItem>> _watchItemMap;
-    std::map<int, _WatchSubItem> _watchSubItemMap;
+    // Sorted by wd. The kernel hands out ever larger descriptors, so an add
+    // appends; removals are gathered and done in one pass.
+    std::vector<_WatchSubItem> _watchSubItemMap;
     std::map<int, std::unique_ptr<_RefreshWatchItem>> _refreshWatchMap;
-    std::map<std::string, int> _subFolderMap;
+    SubFolderMap _subFolderMap;
     int _watchSize = 0;
     FileNotifyLimit* _limit;
     unsigned long _overflowCount = 0;

@@ -93,7 +93,9 @@ void SkippedInWalk(const char* what, const std::string& path, int error) {
     }
 }
 
-int ReadFolder(const std::string& folder, std::vector<std::string>& out, FileNotifyUtils::_FolderTraverseLimit& limit);
+using Visitor = FileNotifyUtils::FolderVisitor;
+
+int ReadFolder(const std::string& folder, const Visitor& visit, FileNotifyUtils::_FolderTraverseLimit& limit);
 
 // One directory entry of a walk: a subfolder is read and then listed
 // (post-order); anything else, links included, is no folder of the tree.
@@ -101,7 +103,7 @@ int ReadFolder(const std::string& folder, std::vector<std::string>& out, FileNot
 // that folder a second name, and any other leads out of the tree (to an
 // ancestor, a loop, or elsewhere), so the tree's events keep the real paths
 // of its folders.
-void VisitEntry(DIR* parent, const char* name, const std::string& child, std::vector<std::string>& out,
+void VisitEntry(DIR* parent, const char* name, const std::string& child, const Visitor& visit,
                 FileNotifyUtils::_FolderTraverseLimit& limit) {
     struct stat info {};
     // By name in the open folder: no walk of the path, which may be too long.
@@ -120,13 +122,13 @@ void VisitEntry(DIR* parent, const char* name, const std::string& child, std::ve
         FN_LOG(LOG_WARNING, "TraverseSubFolder skips %s: deeper than MAX_DEPTH %d", folder, limit.MAX_DEPTH);
         return;
     }
-    if (ReadFolder(folder, out, limit) != 0) return;
+    if (ReadFolder(folder, visit, limit) != 0) return;
     FN_LOG(LOG_DEBUG, "add file %s", folder);
-    out.push_back(folder);
+    visit(folder);
 }
 
 // Reads folder one level below limit.depth; errno of opendir on failure.
-int ReadFolder(const std::string& folder, std::vector<std::string>& out, FileNotifyUtils::_FolderTraverseLimit& limit) {
+int ReadFolder(const std::string& folder, const Visitor& visit, FileNotifyUtils::_FolderTraverseLimit& limit) {
     FN_LOG(LOG_DEBUG, "TraverseSubFolder filepath=%s", folder);
     FN_CPU_YIELD();
     ++limit.visitedCount;
@@ -139,7 +141,7 @@ int ReadFolder(const std::string& folder, std::vector<std::string>& out, FileNot
     ++limit.depth;
     while (const dirent* entry = ::readdir(dir.get())) {  // NOLINT(concurrency-mt-unsafe): one stream per call
         if (std::strcmp(entry->d_name, ".") == 0 || std::strcmp(entry->d_name, "..") == 0) continue;
-        VisitEntry(dir.get(), entry->d_name, folder + entry->d_name, out, limit);
+        VisitEntry(dir.get(), entry->d_name, folder + entry->d_name, visit, limit);
     }
     --limit.depth;
     return 0;
@@ -240,7 +242,13 @@ bool FileNotifyUtils::IsIgnoreWatchObject(const std::string& path, const _FileNo
 
 int FileNotifyUtils::TraverseSubFolder(const std::string& folder, std::vector<std::string>& out,
                                        _FolderTraverseLimit& limit, bool /*watchSymLink*/) {
-    const int error = ReadFolder(folder, out, limit);
+    return TraverseSubFolder(
+        folder, [&out](const std::string& sub) { out.push_back(sub); }, limit);
+}
+
+int FileNotifyUtils::TraverseSubFolder(const std::string& folder, const FolderVisitor& visit,
+                                       _FolderTraverseLimit& limit) {
+    const int error = ReadFolder(folder, visit, limit);
     if (error == 0) return 0;
     // A folder that has just gone is what a changing tree does all the time.
     FN_LOG(error == ENOENT || error == ENOTDIR ? LOG_DEBUG : LOG_ERROR, "dir == NULL");

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <functional>
 #include <string>
 #include <vector>
 
@@ -86,6 +87,9 @@ public:
     // out of the tree or into a loop.
     static int TraverseSubFolder(const std::string& folder, std::vector<std::string>& out, _FolderTraverseLimit& limit,
                                  bool watchSymLink);
+    // The same walk, handing each subfolder to visit instead of keeping a list.
+    using FolderVisitor = std::function<void(const std::string& folder)>;
+    static int TraverseSubFolder(const std::string& folder, const FolderVisitor& visit, _FolderTraverseLimit& limit);
 
     // The path behind an open descriptor (/proc/self/fd), with "/" appended
     // for a folder. Returns 0, or 1 for fd < 1 or an unreadable link.
