@@ -64,7 +64,7 @@ bool IsClosed(int fd) {
 
 TEST(FileFanotify, MisuseIsLoggedNotFatal) {
     REQUIRE_FANOTIFY();
-    TestUtil::LogCapture log(Engine::FileNotifyUtils::GetLoggerPtr());
+    TestUtil::LogCapture log(Engine::GetLoggerPtr());
     FileFanotify unopened;
     EXPECT_EQ(1, unopened.DoResponse(5, true));
     EXPECT_TRUE(log.Has(LOG_ERROR, "Invalid FD -1"));
@@ -135,7 +135,7 @@ TEST(FileFanotify, RecordWalkChecksEveryLengthAndClosesDescriptors) {
     cases[5] = {"no descriptor is skipped", {}, 0, 1, 1, nullptr};
     cases[5].buffer.Add(FAN_OPEN, 24, 3, false).Add(FAN_CLOSE_WRITE);
     for (auto& c : cases) {
-        TestUtil::LogCapture log(Engine::FileNotifyUtils::GetLoggerPtr());
+        TestUtil::LogCapture log(Engine::GetLoggerPtr());
         std::vector<int> calls;
         auto& bytes = c.buffer.bytes;
         group.DoWithEvents(bytes.data(), static_cast<long>(bytes.size()) - c.cut, &CountCalls, &calls);
@@ -252,12 +252,12 @@ TEST_F(FanotifyTaskTest, VerdictsNeedNoModuleThreadUnlessItLogsEachStep) {
     TestUtil::HeldThread busy(*task);
     ASSERT_TRUE(busy.held);
 
-    TestUtil::LogCapture log(Engine::FileNotifyUtils::GetLoggerPtr());
-    Engine::FileNotifyUtils::GetLoggerPtr()->setLevel(Poco::Message::PRIO_INFORMATION);
+    TestUtil::LogCapture log(Engine::GetLoggerPtr());
+    Engine::GetLoggerPtr()->setLevel(Poco::Message::PRIO_INFORMATION);
     EXPECT_EQ(EPERM, OpenFromChild(dir / "file"));
     EXPECT_EQ(1u, judge->Count());
 
-    Engine::FileNotifyUtils::GetLoggerPtr()->setLevel(Poco::Message::PRIO_DEBUG);
+    Engine::GetLoggerPtr()->setLevel(Poco::Message::PRIO_DEBUG);
     OpeningChild late(dir / "file");
     ASSERT_TRUE(late.Wait(milliseconds(5000)));
     EXPECT_EQ(0, late.result());
@@ -272,7 +272,7 @@ TEST_F(FanotifyTaskTest, VerdictsNeedNoModuleThreadUnlessItLogsEachStep) {
 // deleted and made again at its path, it is guarded again, and the consumer
 // is told both.
 TEST_F(FanotifyTaskTest, GuardFollowsItsFolderAndComesBackWithItsPath) {
-    TestUtil::LogCapture log(Engine::FileNotifyUtils::GetLoggerPtr());
+    TestUtil::LogCapture log(Engine::GetLoggerPtr());
     const std::string guarded = dir / "G/";
     const std::string moved = dir / "H/";
     TestUtil::MakeDir(guarded);

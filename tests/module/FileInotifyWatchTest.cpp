@@ -83,7 +83,7 @@ protected:
         return limit.GetLimitWatches() - limit.GetPermitWatchSize();
     }
 
-    TestUtil::LogCapture log{Engine::FileNotifyUtils::GetLoggerPtr()};
+    TestUtil::LogCapture log{Engine::GetLoggerPtr()};
     TestUtil::TempDir dir;
     Poco::AutoPtr<Engine::FileNotifyTask> task{new Engine::FileNotifyTask()};
     Poco::AutoPtr<RecordingConsumer> a{new RecordingConsumer("consumer_a")};

@@ -52,7 +52,7 @@ TEST(FileNotifyTask, RequestsForPathsThatCanNeverBeWatchedAreRefused) {
     Poco::AutoPtr<Engine::FileNotifyTask> task(new Engine::FileNotifyTask());
     Poco::AutoPtr<RecordingConsumer> consumer(new RecordingConsumer());
     consumer->Publish();  // a live sender, though never started
-    TestUtil::LogCapture log(Engine::FileNotifyUtils::GetLoggerPtr());
+    TestUtil::LogCapture log(Engine::GetLoggerPtr());
     TestUtil::DropPermissionBypass asUnprivileged;
     struct stat status {};
     if (::stat((dir / "locked/x").c_str(), &status) == 0 || errno != EACCES) {
@@ -92,7 +92,7 @@ TEST(FileNotifyTask, RequestsForPathsThatCanNeverBeWatchedAreRefused) {
 // sanitizer build checks that), and no watch is made for nobody.
 TEST(FileNotifyTask, ARequestWhoseSenderIsGoneFailsCleanly) {
     TestUtil::TempDir dir;
-    TestUtil::LogCapture log(Engine::FileNotifyUtils::GetLoggerPtr());
+    TestUtil::LogCapture log(Engine::GetLoggerPtr());
     Poco::AutoPtr<Engine::FileNotifyTask> task(new Engine::FileNotifyTask());
     Framework::TaskRunner taskRunner(task.get());
     ASSERT_EQ(0, taskRunner.Start());

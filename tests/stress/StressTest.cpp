@@ -23,6 +23,7 @@
 #include <Poco/AutoPtr.h>
 
 #include "ChildProcess.h"
+#include "FileNotifyLog.h"
 #include "FileNotifyMessage.h"
 #include "FileNotifyTask.h"
 #include "FileNotifyWatchMessage.h"
@@ -347,7 +348,7 @@ TEST_F(StressTest, AKernelQueueOverflowIsToldAndLaterEventsFlow) {
 TEST_F(StressTest, OutOfDescriptorsEveryAccessIsAnsweredAndAllRecovers) {
     const std::string missing = TestUtil::FanotifyMissing();
     if (!missing.empty()) GTEST_SKIP() << missing;
-    TestUtil::LogCapture log(Engine::FileNotifyUtils::GetLoggerPtr());
+    TestUtil::LogCapture log(Engine::GetLoggerPtr());
     Poco::AutoPtr<KeyJudge> judge(new KeyJudge());
     Framework::TaskRunner judgeRunner(judge.get());
     ASSERT_EQ(0, judgeRunner.Start());
