@@ -6,12 +6,12 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <array>
 #include <atomic>
 #include <cerrno>
 #include <chrono>
 #include <cstring>
 #include <memory>
+#include <utility>
 
 #include "sdk/ProcessUtils.h"
 
@@ -29,16 +29,17 @@ using DirPtr = std::unique_ptr<DIR, int (*)(DIR*)>;
 // The kernel's PATH_MAX, the NUL included: a path or link target of this
 // length or more cannot be used, so such a result counts as a failure.
 constexpr std::size_t kPathMax = PATH_MAX;
-constexpr std::size_t kLinkBufferSize = kPathMax;
 
-// readlink into a zero-filled buffer; false (errno kept) on failure or when
-// the target does not fit.
+// The link's target; false (errno set) on failure or when it is too long
+// for the kernel to take back.
 bool ReadLinkTarget(const std::string& link, std::string& target) {
-    std::array<char, kLinkBufferSize> buffer{};
-    const ssize_t length = ::readlink(link.c_str(), buffer.data(), buffer.size());
-    // Compared unsigned so that -1 fails as well.
-    if (static_cast<std::size_t>(length) >= buffer.size()) return false;
-    target.assign(buffer.data());
+    std::string read;
+    if (!SDK::FileUtils::ReadLink(link, read)) return false;
+    if (read.size() >= kPathMax) {
+        errno = ENAMETOOLONG;
+        return false;
+    }
+    target = std::move(read);
     return true;
 }
 
