@@ -10,7 +10,7 @@
 #include <utility>
 #include <vector>
 
-#include "FileNotifyMask.h"
+#include "FanotifyRecords.h"
 #include "FileNotifyOpt.h"
 
 namespace Framework {
@@ -125,9 +125,6 @@ private:
     unsigned long _overflowCount = 0;
     bool _held = false;
 };
-
-// The bits of an event that holds its process until it is answered.
-constexpr unsigned int kFanPermissionBits = FileNotifyMask::kPermissionBits;
 
 // The debug record of a permission event of the agent's own process, which
 // is allowed at once.
