@@ -45,7 +45,6 @@ public:
     FileFanotify& operator=(const FileFanotify&) = delete;
 
     int GetFd() const { return _fd; }
-    bool IsBlock() const { return block; }
     // The descriptor registered with the task's event waiter: the group's
     // own, or for a permission group its reader's ready descriptor.
     int GetEventFd() const;

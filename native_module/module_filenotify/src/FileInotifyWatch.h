@@ -41,7 +41,7 @@ public:
     };
 
     FileInotifyWatch();
-    virtual ~FileInotifyWatch();
+    ~FileInotifyWatch();
     FileInotifyWatch(const FileInotifyWatch&) = delete;
     FileInotifyWatch& operator=(const FileInotifyWatch&) = delete;
 
@@ -58,7 +58,7 @@ public:
 
     // Reads and delivers the events of descriptor fd into buffer (capacity
     // length). 0, the instance's error, or 1 when fd is none of ours.
-    virtual int ReadEvents(int fd, char* buffer, int length);
+    int ReadEvents(int fd, char* buffer, int length);
     // Mounts came or went at these points: both instances read what they
     // have (into buffer) and look again.
     void ResyncUnder(const std::vector<std::string>& mountPoints, char* buffer, int length);

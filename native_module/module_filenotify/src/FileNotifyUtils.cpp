@@ -155,24 +155,6 @@ bool FileNotifyUtils::IsIgnoreWatchEvent(int mask, const std::vector<unsigned in
     return !FileNotifyMask::Selects(wanted, static_cast<unsigned int>(mask), fanotifyEvent);
 }
 
-bool FileNotifyUtils::IsLinkFolder(const std::string& path) {
-    struct stat info {};
-    if (::stat(path.c_str(), &info) != 0) {
-        FN_LOG(LOG_ERROR, "No find file %s", path);
-        return false;
-    }
-    std::string target;
-    if (!ReadLinkTarget(path, target)) {
-        const int error = errno;
-        FN_LOG(LOG_ERROR, "Failed to call  readlink for %s, errno=%d", path, error);
-        return false;
-    }
-    // The target is taken as it stands: a relative one is resolved against
-    // the working directory, not the link's folder, and usually fails here.
-    if (::stat(target.c_str(), &info) != 0) return false;
-    return S_ISDIR(info.st_mode);
-}
-
 bool FileNotifyUtils::IsIgnoreWatchObject(const std::string& path, const _FileNotifyOpt& opt) {
     if (opt.watchChildFolder && MatchesIgnorePath(path, opt.ignorePath)) return true;
     if (opt.ignoreFileExt.empty() || SDK::DirUtils::IsDir(path)) return false;

@@ -21,9 +21,6 @@ public:
         int visitedCount = 0;  // folders the walk tried to open, the root included
     };
 
-    FileNotifyUtils() = default;
-    virtual ~FileNotifyUtils() = default;
-
     // text begins with prefix (bytes; equal strings included).
     static bool HasPrefix(const std::string& text, const std::string& prefix) {
         return prefix.size() <= text.size() && text.compare(0, prefix.size(), prefix) == 0;
@@ -37,10 +34,6 @@ public:
     // select, flags do not; a fanotify folder event needs the folder flag).
     // An empty list drops everything.
     static bool IsIgnoreWatchEvent(int mask, const std::vector<unsigned int>& wantedMasks, bool fanotifyEvent = false);
-
-    // path is a symbolic link whose target is a folder. A relative target is
-    // resolved against the working directory, not the link's folder.
-    static bool IsLinkFolder(const std::string& path);
 
     // True when the event's file matches the watch's ignore rules: a path
     // prefix of ignorePath (recursive watches only) or an ending of
