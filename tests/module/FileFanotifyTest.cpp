@@ -189,7 +189,7 @@ protected:
     // A permission watch on the files of folder, answered by taskId.
     void Guard(int taskId, const std::string& folder, unsigned int mask = FAN_OPEN_PERM) {
         int wd = 0;
-        ASSERT_EQ(0, task->GetFanotifyWatch().AddPermitWatch(taskId, folder, mask, Options(mask, true), wd));
+        ASSERT_EQ(0, task->AddPermitWatch(taskId, folder, mask, Options(mask, true), wd));
     }
     // A file in the folder guarded for judge, which denies; both tasks run.
     void GuardFileDenied() {
@@ -508,19 +508,18 @@ TEST_F(FanotifyTaskTest, NotifyEventsCarryTheActingProcess) {
     Register(*other);
     ASSERT_EQ(0, judgeRunner.Start());
     ASSERT_EQ(0, task->Init());
-    auto& fanotify = task->GetFanotifyWatch();
     const unsigned int mask = FAN_MODIFY | FAN_CLOSE_WRITE;
     Engine::_FileNotifyOpt opt = Options(mask, true);
     opt.fillStat = true;
     int wd = 0;
-    ASSERT_EQ(0, fanotify.AddNotifyWatch(judge->GetTaskId(), dir.path(), mask, opt, wd));
+    ASSERT_EQ(0, task->AddNotifyWatch(judge->GetTaskId(), dir.path(), mask, opt, wd));
     EXPECT_EQ(Engine::FileFanotifyWatch::kFirstWatchId, wd);
     int otherWd = 0;
-    ASSERT_EQ(0, fanotify.AddNotifyWatch(other->GetTaskId(), dir.path(), FAN_OPEN, Options(FAN_OPEN, true), otherWd));
+    ASSERT_EQ(0, task->AddNotifyWatch(other->GetTaskId(), dir.path(), FAN_OPEN, Options(FAN_OPEN, true), otherWd));
     EXPECT_EQ(wd, otherWd);  // one path, one watch
-    EXPECT_EQ(1, fanotify.AddNotifyWatch(judge->GetTaskId(), dir.path(), mask, opt, wd));
+    EXPECT_EQ(1, task->AddNotifyWatch(judge->GetTaskId(), dir.path(), mask, opt, wd));
     TestUtil::MakeDir(dir / "sub");
-    EXPECT_EQ(1, fanotify.AddNotifyWatch(other->GetTaskId(), dir / "sub/", mask, opt, otherWd));
+    EXPECT_EQ(1, task->AddNotifyWatch(other->GetTaskId(), dir / "sub/", mask, opt, otherWd));
 
     std::ofstream(dir / "file") << "x";
     while (task->GetEventWaiter().WaitAndHandleEvent(0, 128) > 0) {
@@ -556,8 +555,9 @@ int RunWithoutCapSysAdmin(const std::string& folder) {
     data[CAP_SYS_ADMIN / 32].effective &= ~(1U << (CAP_SYS_ADMIN % 32));
     if (::syscall(SYS_capset, &header, data) != 0) return 3;
     Poco::AutoPtr<Engine::FileNotifyTask> task(new Engine::FileNotifyTask());
-    if (task->GetFanotifyWatch().IsAvailable()) return 4;
     int wd = 0;
+    // Fanotify is off: no fanotify watch can be made.
+    if (task->AddNotifyWatch(1, folder, FAN_CLOSE_WRITE, Options(FAN_CLOSE_WRITE, false), wd) == 0) return 4;
     return task->AddInotifyWatch(1, folder, IN_CREATE, Options(IN_CREATE, false), wd) == 0 ? 0 : 5;
 }
 

@@ -202,7 +202,7 @@ TEST_F(StressTest, EightProcessesOpeningGuardedFilesGetTheirVerdictsInTime) {
     opt.watchChildFolder = true;
     opt.permit = true;
     int wd = 0;
-    ASSERT_EQ(0, task->GetFanotifyWatch().AddPermitWatch(judge->GetTaskId(), dir.path(), FAN_OPEN_PERM, opt, wd));
+    ASSERT_EQ(0, task->AddPermitWatch(judge->GetTaskId(), dir.path(), FAN_OPEN_PERM, opt, wd));
     ASSERT_EQ(0, taskRunner.Start());
 
     std::vector<std::pair<pid_t, int>> children;
@@ -365,7 +365,7 @@ TEST_F(StressTest, OutOfDescriptorsEveryAccessIsAnsweredAndAllRecovers) {
     opt.watchChildFolder = true;
     opt.permit = true;
     int wd = 0;
-    ASSERT_EQ(0, task->GetFanotifyWatch().AddPermitWatch(judge->GetTaskId(), guarded, FAN_OPEN_PERM, opt, wd));
+    ASSERT_EQ(0, task->AddPermitWatch(judge->GetTaskId(), guarded, FAN_OPEN_PERM, opt, wd));
     ASSERT_EQ(0, taskRunner.Start());
 
     // The children open before the limit is lowered: only this process runs short.
