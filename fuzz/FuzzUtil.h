@@ -13,7 +13,7 @@
 #include <Poco/Logger.h>
 #include <Poco/NullChannel.h>
 
-#include "FileNotifyUtils.h"
+#include "FileNotifyLog.h"
 
 // A broken promise of the code under test: libFuzzer keeps the input.
 #define FUZZ_CHECK(cond, what)                                                         \
@@ -76,7 +76,7 @@ private:
 // runs without slowing the fuzzer with output. FN_FUZZ_LOG=1 keeps the log
 // where it goes, at debug level, to see what one input does.
 inline void QuietModuleLog() {
-    Poco::Logger* logger = Engine::FileNotifyUtils::GetLoggerPtr();
+    Poco::Logger* logger = Engine::GetLoggerPtr();
     if (logger == nullptr) return;
     const char* keep = std::getenv("FN_FUZZ_LOG");
     if (keep == nullptr || *keep != '1') logger->setChannel(Poco::AutoPtr<Poco::Channel>(new Poco::NullChannel));

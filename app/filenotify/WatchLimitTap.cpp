@@ -6,7 +6,7 @@
 #include <Poco/Logger.h>
 #include <Poco/Message.h>
 
-#include "FileNotifyUtils.h"
+#include "FileNotifyLog.h"
 #include "framework/ConfigManager.h"
 #include "sdk/PathUtils.h"
 
@@ -23,7 +23,7 @@ int KernelWatchLimit() {
 
 }  // namespace
 
-WatchLimitTap::WatchLimitTap() : _logger(Engine::FileNotifyUtils::GetLoggerPtr()), _recorder(new Recorder) {
+WatchLimitTap::WatchLimitTap() : _logger(Engine::GetLoggerPtr()), _recorder(new Recorder) {
     if (_logger == nullptr) return;
     _recorder->next = _logger->getChannel();
     _logger->setChannel(_recorder);

@@ -28,7 +28,7 @@
 #include "CliSettings.h"
 #include "EventNames.h"
 #include "FileNotifyMask.h"
-#include "FileNotifyUtils.h"
+#include "FileNotifyPath.h"
 #include "FileNotifyWatchMessage.h"
 #include "OutputSink.h"
 #include "WatchConsumer.h"
@@ -174,16 +174,16 @@ int FileNotifyApp::WatchAll(Framework::ModuleHost& host, WatchConsumer& consumer
         }
         // The module's own test: a refused path was not kept pending.
         std::string reason;
-        switch (Engine::FileNotifyUtils::CheckWatchPath(path, reason)) {
-            case Engine::FileNotifyUtils::PathCheck::Missing:
+        switch (Engine::FileNotifyPath::CheckWatchPath(path, reason)) {
+            case Engine::FileNotifyPath::PathCheck::Missing:
                 ++pending;
                 std::cerr << "filenotify: " << path << " does not exist yet; it is watched when it appears"
                           << std::endl;
                 break;
-            case Engine::FileNotifyUtils::PathCheck::Refused:
+            case Engine::FileNotifyPath::PathCheck::Refused:
                 std::cerr << "filenotify: cannot watch " << Shown(path) << ": " << reason << std::endl;
                 break;
-            case Engine::FileNotifyUtils::PathCheck::Exists:
+            case Engine::FileNotifyPath::PathCheck::Exists:
                 std::cerr << "filenotify: cannot watch " << path << ": " << tap.Explain() << std::endl;
                 break;
         }

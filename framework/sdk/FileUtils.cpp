@@ -6,6 +6,8 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <filesystem>
+#include <system_error>
 
 #include "framework/UniqueFd.h"
 
@@ -64,6 +66,17 @@ bool FileUtils::ReadFile(const std::string& path, std::string& content, std::siz
 bool DirUtils::IsDir(const std::string& path) {
     mode_t mode = 0;
     return StatMode(path, mode) && S_ISDIR(mode);
+}
+
+bool FileUtils::ReadLink(const std::string& link, std::string& target) {
+    std::error_code error;
+    const std::filesystem::path read = std::filesystem::read_symlink(link, error);
+    if (error) {
+        errno = error.value();
+        return false;
+    }
+    target = read.native();
+    return true;
 }
 
 }  // namespace SDK

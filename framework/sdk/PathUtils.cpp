@@ -2,9 +2,8 @@
 
 #include <unistd.h>
 
+#include <filesystem>
 #include <mutex>
-#include <string_view>
-#include <vector>
 
 #include "sdk/ProcessUtils.h"
 
@@ -40,40 +39,11 @@ std::string PathUtils::GetFileNameFromPath(const std::string& path) {
 }
 
 std::string PathUtils::GetCanonicalizePath(const std::string& path) {
-    if (path.empty()) return std::string();
-    const bool absolute = path.front() == '/';
-    const bool trailingSlash = path.back() == '/';
-
-    // Views into path: no copy per component, whatever the path length.
-    std::vector<std::string_view> parts;
-    const std::string_view whole(path);
-    std::size_t pos = 0;
-    while (pos < whole.size()) {
-        auto next = whole.find('/', pos);
-        if (next == std::string_view::npos) next = whole.size();
-        const std::string_view part = whole.substr(pos, next - pos);
-        pos = next + 1;
-        if (part.empty() || part == ".") continue;
-        if (part == "..") {
-            if (!parts.empty() && parts.back() != "..") {
-                parts.pop_back();
-            } else if (!absolute) {
-                parts.push_back(part);  // above the start of a relative path
-            }
-            // "/.." is "/": nothing is above the root
-            continue;
-        }
-        parts.push_back(part);
-    }
-
-    if (parts.empty()) return absolute ? "/" : ".";
-    std::string result;
-    result.reserve(path.size());
-    for (const auto& part : parts) {
-        if (absolute || !result.empty()) result.push_back('/');
-        result.append(part);
-    }
-    if (trailingSlash) result.push_back('/');
+    std::string result = std::filesystem::path(path).lexically_normal().native();
+    // lexically_normal leaves a "/" after a last "." or ".." part; the
+    // input's own last "/" alone decides, and "/" and "." never get one.
+    if (result.size() > 1 && result.back() == '/') result.pop_back();
+    if (!path.empty() && path.back() == '/' && result != "/" && result != ".") result.push_back('/');
     return result;
 }
 

@@ -1,11 +1,10 @@
 #include "sdk/ProcessUtils.h"
 
-#include <limits.h>
 #include <sys/stat.h>
 #include <time.h>
 #include <unistd.h>
 
-#include <vector>
+#include "sdk/FileUtils.h"
 
 namespace SDK {
 
@@ -13,20 +12,6 @@ namespace {
 
 constexpr char kDeletedSuffix[] = " (deleted)";
 constexpr std::size_t kDeletedSuffixLen = sizeof(kDeletedSuffix) - 1;
-
-// The whole link target, however long; false when the link cannot be read.
-bool ReadLink(const std::string& link, std::string& target) {
-    std::vector<char> buffer(PATH_MAX);
-    for (;;) {
-        const ssize_t len = ::readlink(link.c_str(), buffer.data(), buffer.size());
-        if (len < 0) return false;
-        if (static_cast<std::size_t>(len) < buffer.size()) {
-            target.assign(buffer.data(), static_cast<std::size_t>(len));
-            return true;
-        }
-        buffer.resize(buffer.size() * 2);  // possibly truncated: retry larger
-    }
-}
 
 bool EndsWithDeletedSuffix(const std::string& path) {
     return path.size() > kDeletedSuffixLen &&
@@ -49,7 +34,7 @@ bool ProcessUtils::GetProcessExePath(unsigned int pid, std::string& exePath, boo
     deleted = false;
     const std::string link = "/proc/" + std::to_string(pid) + "/exe";
     std::string target;
-    if (!ReadLink(link, target)) return false;
+    if (!FileUtils::ReadLink(link, target)) return false;
     if (EndsWithDeletedSuffix(target) && !IsSameFile(link, target)) {
         target.resize(target.size() - kDeletedSuffixLen);
         deleted = true;

@@ -3,7 +3,7 @@
 #include <string>
 
 #include "FileNotifyLog.h"
-#include "FileNotifyUtils.h"
+#include "FileNotifyPath.h"
 #include "FileNotifyWatchService.h"
 #include "framework/Task.h"
 
@@ -57,7 +57,7 @@ FileNotifyWatchMessage::~FileNotifyWatchMessage() = default;
 void FileNotifyWatchMessage::handlerParmOpt() {
     if (m_opt.watchChildFolder) {
         for (std::string& prefix : m_opt.ignorePath)
-            prefix = FileNotifyUtils::FormatFolderName(prefix);
+            prefix = FileNotifyPath::FormatFolderName(prefix);
     } else {
         m_opt.ignorePath.clear();
     }
@@ -86,16 +86,16 @@ int FileNotifyWatchMessage::MessageHandle(void* task) {
         return 1;
     }
     std::string reason;
-    const FileNotifyUtils::PathCheck check = FileNotifyUtils::CheckWatchPath(m_filePath, reason);
-    const bool exists = check == FileNotifyUtils::PathCheck::Exists;
+    const FileNotifyPath::PathCheck check = FileNotifyPath::CheckWatchPath(m_filePath, reason);
+    const bool exists = check == FileNotifyPath::PathCheck::Exists;
     if (exists) {
-        m_filePath = FileNotifyUtils::FormatFolderName(m_filePath);
+        m_filePath = FileNotifyPath::FormatFolderName(m_filePath);
         m_opt.timerFound = false;
     }
     // A watch made before its folder was locked may still be removed.
     if (m_opt.remove) return MessageRemoveWatchHandle(service);
     // Pending would be for ever: the path cannot come into existence as it is.
-    if (check == FileNotifyUtils::PathCheck::Refused) {
+    if (check == FileNotifyPath::PathCheck::Refused) {
         FN_LOG(LOG_ERROR, "watch request refused, filePath=%s: %s", m_filePath, reason);
         return 1;
     }

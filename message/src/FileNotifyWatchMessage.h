@@ -41,7 +41,7 @@ public:
 
     // task: the module's Framework::Task*. The request's result; 1 for an
     // empty path or a task that serves no watch requests, and for an add
-    // request whose path FileNotifyUtils::CheckWatchPath refuses (logged
+    // request whose path FileNotifyPath::CheckWatchPath refuses (logged
     // once with the reason; nothing is kept pending).
     int MessageHandle(void* task) override;
 

@@ -91,7 +91,7 @@ protected:
         PingUntil([&] { return left-- == 0; });
     }
 
-    TestUtil::LogCapture log{Engine::FileNotifyUtils::GetLoggerPtr()};
+    TestUtil::LogCapture log{Engine::GetLoggerPtr()};
     TestUtil::TempDir dir;
     Framework::ModuleHost host;
     Poco::AutoPtr<RecordingConsumer> a{new RecordingConsumer("e2e_consumer_a")};

@@ -64,7 +64,7 @@ bool IsClosed(int fd) {
 
 TEST(FileFanotify, MisuseIsLoggedNotFatal) {
     REQUIRE_FANOTIFY();
-    TestUtil::LogCapture log(Engine::FileNotifyUtils::GetLoggerPtr());
+    TestUtil::LogCapture log(Engine::GetLoggerPtr());
     FileFanotify unopened;
     EXPECT_EQ(1, unopened.DoResponse(5, true));
     EXPECT_TRUE(log.Has(LOG_ERROR, "Invalid FD -1"));
@@ -75,7 +75,6 @@ TEST(FileFanotify, MisuseIsLoggedNotFatal) {
     ASSERT_EQ(0, group.Initialize(true));
     EXPECT_EQ(1, group.Initialize(false));
     EXPECT_TRUE(log.Has(LOG_ERROR, "repeat call initialize"));
-    EXPECT_FALSE(group.IsBlock());  // the flag is taken even by a refused call
     EXPECT_EQ(1, group.AddWatch("/nonexistent/fn", FAN_OPEN, {}));
     EXPECT_TRUE(log.Has(LOG_ERROR, "call fanotify_mark failed,errno=" + std::to_string(ENOENT)));
 }
@@ -135,7 +134,7 @@ TEST(FileFanotify, RecordWalkChecksEveryLengthAndClosesDescriptors) {
     cases[5] = {"no descriptor is skipped", {}, 0, 1, 1, nullptr};
     cases[5].buffer.Add(FAN_OPEN, 24, 3, false).Add(FAN_CLOSE_WRITE);
     for (auto& c : cases) {
-        TestUtil::LogCapture log(Engine::FileNotifyUtils::GetLoggerPtr());
+        TestUtil::LogCapture log(Engine::GetLoggerPtr());
         std::vector<int> calls;
         auto& bytes = c.buffer.bytes;
         group.DoWithEvents(bytes.data(), static_cast<long>(bytes.size()) - c.cut, &CountCalls, &calls);
@@ -190,7 +189,7 @@ protected:
     // A permission watch on the files of folder, answered by taskId.
     void Guard(int taskId, const std::string& folder, unsigned int mask = FAN_OPEN_PERM) {
         int wd = 0;
-        ASSERT_EQ(0, task->GetFanotifyWatch().AddPermitWatch(taskId, folder, mask, Options(mask, true), wd));
+        ASSERT_EQ(0, task->AddPermitWatch(taskId, folder, mask, Options(mask, true), wd));
     }
     // A file in the folder guarded for judge, which denies; both tasks run.
     void GuardFileDenied() {
@@ -252,12 +251,12 @@ TEST_F(FanotifyTaskTest, VerdictsNeedNoModuleThreadUnlessItLogsEachStep) {
     TestUtil::HeldThread busy(*task);
     ASSERT_TRUE(busy.held);
 
-    TestUtil::LogCapture log(Engine::FileNotifyUtils::GetLoggerPtr());
-    Engine::FileNotifyUtils::GetLoggerPtr()->setLevel(Poco::Message::PRIO_INFORMATION);
+    TestUtil::LogCapture log(Engine::GetLoggerPtr());
+    Engine::GetLoggerPtr()->setLevel(Poco::Message::PRIO_INFORMATION);
     EXPECT_EQ(EPERM, OpenFromChild(dir / "file"));
     EXPECT_EQ(1u, judge->Count());
 
-    Engine::FileNotifyUtils::GetLoggerPtr()->setLevel(Poco::Message::PRIO_DEBUG);
+    Engine::GetLoggerPtr()->setLevel(Poco::Message::PRIO_DEBUG);
     OpeningChild late(dir / "file");
     ASSERT_TRUE(late.Wait(milliseconds(5000)));
     EXPECT_EQ(0, late.result());
@@ -272,7 +271,7 @@ TEST_F(FanotifyTaskTest, VerdictsNeedNoModuleThreadUnlessItLogsEachStep) {
 // deleted and made again at its path, it is guarded again, and the consumer
 // is told both.
 TEST_F(FanotifyTaskTest, GuardFollowsItsFolderAndComesBackWithItsPath) {
-    TestUtil::LogCapture log(Engine::FileNotifyUtils::GetLoggerPtr());
+    TestUtil::LogCapture log(Engine::GetLoggerPtr());
     const std::string guarded = dir / "G/";
     const std::string moved = dir / "H/";
     TestUtil::MakeDir(guarded);
@@ -509,19 +508,18 @@ TEST_F(FanotifyTaskTest, NotifyEventsCarryTheActingProcess) {
     Register(*other);
     ASSERT_EQ(0, judgeRunner.Start());
     ASSERT_EQ(0, task->Init());
-    auto& fanotify = task->GetFanotifyWatch();
     const unsigned int mask = FAN_MODIFY | FAN_CLOSE_WRITE;
     Engine::_FileNotifyOpt opt = Options(mask, true);
     opt.fillStat = true;
     int wd = 0;
-    ASSERT_EQ(0, fanotify.AddNotifyWatch(judge->GetTaskId(), dir.path(), mask, opt, wd));
+    ASSERT_EQ(0, task->AddNotifyWatch(judge->GetTaskId(), dir.path(), mask, opt, wd));
     EXPECT_EQ(Engine::FileFanotifyWatch::kFirstWatchId, wd);
     int otherWd = 0;
-    ASSERT_EQ(0, fanotify.AddNotifyWatch(other->GetTaskId(), dir.path(), FAN_OPEN, Options(FAN_OPEN, true), otherWd));
+    ASSERT_EQ(0, task->AddNotifyWatch(other->GetTaskId(), dir.path(), FAN_OPEN, Options(FAN_OPEN, true), otherWd));
     EXPECT_EQ(wd, otherWd);  // one path, one watch
-    EXPECT_EQ(1, fanotify.AddNotifyWatch(judge->GetTaskId(), dir.path(), mask, opt, wd));
+    EXPECT_EQ(1, task->AddNotifyWatch(judge->GetTaskId(), dir.path(), mask, opt, wd));
     TestUtil::MakeDir(dir / "sub");
-    EXPECT_EQ(1, fanotify.AddNotifyWatch(other->GetTaskId(), dir / "sub/", mask, opt, otherWd));
+    EXPECT_EQ(1, task->AddNotifyWatch(other->GetTaskId(), dir / "sub/", mask, opt, otherWd));
 
     std::ofstream(dir / "file") << "x";
     while (task->GetEventWaiter().WaitAndHandleEvent(0, 128) > 0) {
@@ -557,8 +555,9 @@ int RunWithoutCapSysAdmin(const std::string& folder) {
     data[CAP_SYS_ADMIN / 32].effective &= ~(1U << (CAP_SYS_ADMIN % 32));
     if (::syscall(SYS_capset, &header, data) != 0) return 3;
     Poco::AutoPtr<Engine::FileNotifyTask> task(new Engine::FileNotifyTask());
-    if (task->GetFanotifyWatch().IsAvailable()) return 4;
     int wd = 0;
+    // Fanotify is off: no fanotify watch can be made.
+    if (task->AddNotifyWatch(1, folder, FAN_CLOSE_WRITE, Options(FAN_CLOSE_WRITE, false), wd) == 0) return 4;
     return task->AddInotifyWatch(1, folder, IN_CREATE, Options(IN_CREATE, false), wd) == 0 ? 0 : 5;
 }
 

@@ -36,7 +36,7 @@ protected:
     }
     int Used() const { return limit.GetLimitWatches() - limit.GetPermitWatchSize(); }
 
-    TestUtil::LogCapture log{Engine::FileNotifyUtils::GetLoggerPtr()};  // first in, last out
+    TestUtil::LogCapture log{Engine::GetLoggerPtr()};  // first in, last out
     TestUtil::TempDir dir;
     Engine::FileNotifyLimit limit;
     FileInotify inotify{&limit};
@@ -252,7 +252,7 @@ TEST_F(FileInotifyTest, DecoderCopesWithDamagedBuffers) {
         {"unknown watch", TestUtil::RawInotifyBuffer().Add(unknown, IN_CREATE, "x"), {}, "call DoWithEvent failed"});
     for (auto& c : cases) {
         got.records.clear();
-        TestUtil::LogCapture caseLog(Engine::FileNotifyUtils::GetLoggerPtr());
+        TestUtil::LogCapture caseLog(Engine::GetLoggerPtr());
         EXPECT_EQ(0, inotify.DoWithEvents(c.buffer.data(), c.buffer.size(), &InotifyCollector::Callback, &got));
         std::vector<std::string> delivered;
         for (const auto& r : got.records)

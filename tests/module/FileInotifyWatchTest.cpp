@@ -22,6 +22,7 @@
 #include "FileNotifyTask.h"
 #include "InotifyTestUtil.h"
 #include "LogCapture.h"
+#include "ProbedTask.h"
 #include "RecordingConsumer.h"
 #include "TestUtil.h"
 #include "framework/TaskRunner.h"
@@ -83,9 +84,9 @@ protected:
         return limit.GetLimitWatches() - limit.GetPermitWatchSize();
     }
 
-    TestUtil::LogCapture log{Engine::FileNotifyUtils::GetLoggerPtr()};
+    TestUtil::LogCapture log{Engine::GetLoggerPtr()};
     TestUtil::TempDir dir;
-    Poco::AutoPtr<Engine::FileNotifyTask> task{new Engine::FileNotifyTask()};
+    Poco::AutoPtr<TestUtil::ProbedTask> task{new TestUtil::ProbedTask()};
     Poco::AutoPtr<RecordingConsumer> a{new RecordingConsumer("consumer_a")};
     Poco::AutoPtr<RecordingConsumer> b{new RecordingConsumer("consumer_b")};
     Framework::TaskRunner runnerA{a.get()};
@@ -197,7 +198,7 @@ TEST_F(InotifyWatchTest, VanishedRootTurnsPendingAndComesBack) {
     Pump();
     ASSERT_TRUE(a->WaitFor(1));
     EXPECT_EQ((std::vector<std::string>{dir / "r 0x40000400"}), a->Summary());
-    const auto& pending = task->GetPendingWatchList();
+    const auto& pending = task->PendingWatches();
     ASSERT_EQ(2u, pending.size());
     EXPECT_EQ(0, pending.front()->notifyType);
     EXPECT_EQ(IN_CREATE | IN_DELETE_SELF, pending.front()->mask);
@@ -225,7 +226,7 @@ TEST_F(InotifyWatchTest, FileReplacedByRenameIsWatchedAgainAtOnce) {
     Pump();
     ASSERT_TRUE(a->WaitFor(1));
     EXPECT_EQ((std::vector<std::string>{file + " 0x400"}), a->Summary());
-    EXPECT_TRUE(task->GetPendingWatchList().empty());
+    EXPECT_TRUE(task->PendingWatches().empty());
 
     const int fd = ::open(file.c_str(), O_WRONLY | O_CLOEXEC);
     ASSERT_GE(fd, 0);
@@ -357,7 +358,7 @@ TEST_F(MountTest, UnmountsAreToldAndWhatComesIntoViewIsWatched) {
     // The root was the mount: told, and watched again at once, underneath.
     ASSERT_TRUE(b->WaitFor(1));
     EXPECT_EQ(root + " 0x40002000", b->Summary().front());
-    EXPECT_TRUE(task->GetPendingWatchList().empty());
+    EXPECT_TRUE(task->PendingWatches().empty());
     Touch(root + "/later");
     Pump();
     ASSERT_TRUE(b->WaitFor(2));

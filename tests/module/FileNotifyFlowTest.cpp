@@ -99,7 +99,7 @@ protected:
         return names;
     }
 
-    TestUtil::LogCapture log{Engine::FileNotifyUtils::GetLoggerPtr()};
+    TestUtil::LogCapture log{Engine::GetLoggerPtr()};
     TestUtil::TempDir dir{"/dev/shm"};
     Poco::AutoPtr<Engine::FileNotifyTask> task;
     std::unique_ptr<Framework::TaskRunner> moduleRunner;

@@ -20,6 +20,7 @@
 #include "HeldThread.h"
 #include "InotifyTestUtil.h"
 #include "LogCapture.h"
+#include "ProbedTask.h"
 #include "RecordingConsumer.h"
 #include "TestUtil.h"
 #include "framework/TaskRunner.h"
@@ -49,10 +50,10 @@ TEST(FileNotifyTask, RequestsForPathsThatCanNeverBeWatchedAreRefused) {
     TestUtil::MakeDir(dir / "locked");
     ASSERT_EQ(0, ::chmod((dir / "locked").c_str(), 0));
     ASSERT_EQ(0, ::symlink((dir / "loop").c_str(), (dir / "loop").c_str()));
-    Poco::AutoPtr<Engine::FileNotifyTask> task(new Engine::FileNotifyTask());
+    Poco::AutoPtr<TestUtil::ProbedTask> task(new TestUtil::ProbedTask());
     Poco::AutoPtr<RecordingConsumer> consumer(new RecordingConsumer());
     consumer->Publish();  // a live sender, though never started
-    TestUtil::LogCapture log(Engine::FileNotifyUtils::GetLoggerPtr());
+    TestUtil::LogCapture log(Engine::GetLoggerPtr());
     TestUtil::DropPermissionBypass asUnprivileged;
     struct stat status {};
     if (::stat((dir / "locked/x").c_str(), &status) == 0 || errno != EACCES) {
@@ -72,13 +73,13 @@ TEST(FileNotifyTask, RequestsForPathsThatCanNeverBeWatchedAreRefused) {
     Engine::_FileNotifyOpt opt;
     opt.inotifyOnly = true;
     for (const auto& c : cases) {
-        const std::size_t pending = task->GetPendingWatchList().size();
+        const std::size_t pending = task->PendingWatches().size();
         const long errors = log.Count(Engine::LOG_ERROR);
         Engine::FileNotifyWatchMessage request(consumer.get(), c.path, {IN_CREATE}, opt);
         EXPECT_EQ(1, request.MessageHandle(static_cast<Framework::Task*>(task.get()))) << c.said;
         EXPECT_EQ("-1", request.GetMsgReply()) << c.said;
         const bool refused = *c.said != '\0';
-        EXPECT_EQ(pending + (refused ? 0 : 1), task->GetPendingWatchList().size()) << c.said;
+        EXPECT_EQ(pending + (refused ? 0 : 1), task->PendingWatches().size()) << c.said;
         ASSERT_EQ(errors + (refused ? 1 : 0), log.Count(Engine::LOG_ERROR)) << c.said << "\n" << log.Dump();
         if (refused) {
             EXPECT_NE(std::string::npos, log.Texts(Engine::LOG_ERROR).back().find(c.said)) << log.Dump();
@@ -92,8 +93,8 @@ TEST(FileNotifyTask, RequestsForPathsThatCanNeverBeWatchedAreRefused) {
 // sanitizer build checks that), and no watch is made for nobody.
 TEST(FileNotifyTask, ARequestWhoseSenderIsGoneFailsCleanly) {
     TestUtil::TempDir dir;
-    TestUtil::LogCapture log(Engine::FileNotifyUtils::GetLoggerPtr());
-    Poco::AutoPtr<Engine::FileNotifyTask> task(new Engine::FileNotifyTask());
+    TestUtil::LogCapture log(Engine::GetLoggerPtr());
+    Poco::AutoPtr<TestUtil::ProbedTask> task(new TestUtil::ProbedTask());
     Framework::TaskRunner taskRunner(task.get());
     ASSERT_EQ(0, taskRunner.Start());
     int senderId = 0;
@@ -113,5 +114,5 @@ TEST(FileNotifyTask, ARequestWhoseSenderIsGoneFailsCleanly) {
     const std::string gone = "the sender of a watch request is gone, taskId=" + std::to_string(senderId);
     ASSERT_TRUE(TestUtil::WaitUntil([&] { return log.Has(Engine::LOG_ERROR, gone); })) << log.Dump();
     EXPECT_TRUE(task->GetInotifyWatch().GetWatchData().Empty());
-    EXPECT_TRUE(task->GetPendingWatchList().empty());
+    EXPECT_TRUE(task->PendingWatches().empty());
 }

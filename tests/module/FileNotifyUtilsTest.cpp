@@ -11,11 +11,13 @@
 
 #include "FileNotifyLog.h"
 #include "FileNotifyMask.h"
+#include "FileNotifyPath.h"
 #include "FileNotifyUtils.h"
 #include "LogCapture.h"
 #include "TestUtil.h"
 #include "framework/UniqueFd.h"
 
+using Engine::FileNotifyPath;
 using Engine::FileNotifyUtils;
 using Framework::UniqueFd;
 using TestUtil::TempDir;
@@ -130,7 +132,7 @@ TEST(FileNotifyUtilsTest, FormatFolderNameAndFilePathByFd) {
         {"\t" + dir, "\t" + dir},  // only " " is trimmed
     };
     for (const auto& c : cases)
-        EXPECT_EQ(c.second, FileNotifyUtils::FormatFolderName(c.first)) << c.first;
+        EXPECT_EQ(c.second, FileNotifyPath::FormatFolderName(c.first)) << c.first;
 
     UniqueFd file(::open((tmp / "file").c_str(), O_RDONLY | O_CLOEXEC));
     UniqueFd folder(::open(dir.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
@@ -149,7 +151,7 @@ TEST(FileNotifyUtilsTest, FormatFolderNameAndFilePathByFd) {
 // root/a/b/c with links in c: to the root, to "/", to a file and to nowhere.
 // Root is level 1, so c is level 4. Links are never entered nor listed.
 TEST(FileNotifyUtilsTest, TraverseDepthOrderAndLinks) {
-    TestUtil::LogCapture log(FileNotifyUtils::GetLoggerPtr());
+    TestUtil::LogCapture log(Engine::GetLoggerPtr());
     TempDir tmp;
     MakeDirs(tmp, {"a", "a/b", "a/b/c"});
     std::ofstream(tmp / "f") << "x";
@@ -210,7 +212,7 @@ TEST(FileNotifyUtilsTest, TraverseSkipsWhatItCannotWalkAndGoesOn) {
         for (; !chain.empty(); chain.pop_back())
             ::unlinkat(chain.back().get(), part.c_str(), AT_REMOVEDIR);
     });
-    TestUtil::LogCapture log(FileNotifyUtils::GetLoggerPtr());
+    TestUtil::LogCapture log(Engine::GetLoggerPtr());
     TestUtil::DropPermissionBypass asUnprivileged;
     if (UniqueFd(::open((tmp / "locked").c_str(), O_RDONLY | O_CLOEXEC)).valid()) {
         GTEST_SKIP() << "mode 000 does not stop opening a folder here";

@@ -23,6 +23,7 @@
 #include <Poco/AutoPtr.h>
 
 #include "ChildProcess.h"
+#include "FileNotifyLog.h"
 #include "FileNotifyMessage.h"
 #include "FileNotifyTask.h"
 #include "FileNotifyWatchMessage.h"
@@ -201,7 +202,7 @@ TEST_F(StressTest, EightProcessesOpeningGuardedFilesGetTheirVerdictsInTime) {
     opt.watchChildFolder = true;
     opt.permit = true;
     int wd = 0;
-    ASSERT_EQ(0, task->GetFanotifyWatch().AddPermitWatch(judge->GetTaskId(), dir.path(), FAN_OPEN_PERM, opt, wd));
+    ASSERT_EQ(0, task->AddPermitWatch(judge->GetTaskId(), dir.path(), FAN_OPEN_PERM, opt, wd));
     ASSERT_EQ(0, taskRunner.Start());
 
     std::vector<std::pair<pid_t, int>> children;
@@ -347,7 +348,7 @@ TEST_F(StressTest, AKernelQueueOverflowIsToldAndLaterEventsFlow) {
 TEST_F(StressTest, OutOfDescriptorsEveryAccessIsAnsweredAndAllRecovers) {
     const std::string missing = TestUtil::FanotifyMissing();
     if (!missing.empty()) GTEST_SKIP() << missing;
-    TestUtil::LogCapture log(Engine::FileNotifyUtils::GetLoggerPtr());
+    TestUtil::LogCapture log(Engine::GetLoggerPtr());
     Poco::AutoPtr<KeyJudge> judge(new KeyJudge());
     Framework::TaskRunner judgeRunner(judge.get());
     ASSERT_EQ(0, judgeRunner.Start());
@@ -364,7 +365,7 @@ TEST_F(StressTest, OutOfDescriptorsEveryAccessIsAnsweredAndAllRecovers) {
     opt.watchChildFolder = true;
     opt.permit = true;
     int wd = 0;
-    ASSERT_EQ(0, task->GetFanotifyWatch().AddPermitWatch(judge->GetTaskId(), guarded, FAN_OPEN_PERM, opt, wd));
+    ASSERT_EQ(0, task->AddPermitWatch(judge->GetTaskId(), guarded, FAN_OPEN_PERM, opt, wd));
     ASSERT_EQ(0, taskRunner.Start());
 
     // The children open before the limit is lowered: only this process runs short.

@@ -16,6 +16,10 @@ public:
     // False, with content empty, when the file cannot be opened or read, or
     // is not a regular file (a FIFO would block, a device may never end).
     static bool ReadFile(const std::string& path, std::string& content, std::size_t maxBytes);
+
+    // The whole target of the symbolic link, however long, into target.
+    // False, with target unchanged and errno set, when link cannot be read.
+    static bool ReadLink(const std::string& link, std::string& target);
 };
 
 class FRAMEWORK_API DirUtils {

@@ -1,14 +1,12 @@
 #pragma once
 
-#include "FileNotifyExport.h"
-
 namespace Engine {
 
 // The CPU yield point of long loops. When the agent's CPU control is on and
 // more than its suggested run time has passed since this loop site last
 // yielded (lastTick, one per site), hands the thread to the CPU control and
 // stores the current tick. Costs one flag test when the control is off.
-FILENOTIFY_API void CpuYieldPoint(long long& lastTick, const char* file, int line);
+void CpuYieldPoint(long long& lastTick, const char* file, int line);
 
 }  // namespace Engine
 

@@ -5,7 +5,6 @@
 
 #include <algorithm>
 #include <cerrno>
-#include <cstring>
 #include <vector>
 
 #include "CpuYield.h"
@@ -17,18 +16,6 @@
 #include "framework/Event.h"
 
 namespace Engine {
-
-namespace {
-
-// The record at data, copied out: records need not be aligned for the
-// 64-bit mask, and the callback gets a copy that it may not keep anyway.
-bool RecordAt(const char* data, long remaining, fanotify_event_metadata& record) {
-    if (remaining < static_cast<long>(sizeof record)) return false;
-    std::memcpy(&record, data, sizeof record);
-    return record.event_len >= sizeof record && record.event_len <= static_cast<unsigned long>(remaining);
-}
-
-}  // namespace
 
 FileFanotify::FileFanotify() = default;
 
@@ -187,7 +174,7 @@ int FileFanotify::DoWithEvents(char* buffer, long length, FanotifyCallback callb
     fanotify_event_metadata record{};
     const char* at = buffer;
     long remaining = length;
-    while (RecordAt(at, remaining, record)) {
+    while (FanotifyRecordAt(at, static_cast<std::size_t>(remaining), record)) {
         if ((record.mask & FAN_Q_OVERFLOW) != 0) {
             ++_overflowCount;
             FN_LOG(LOG_ERROR, "fanotify queue overflow");
@@ -226,7 +213,8 @@ int FileFanotify::DoWithEvents(char* buffer, long length, FanotifyCallback callb
 // close each one.
 void FileFanotify::ReleaseRest(const char* data, long length) const {
     fanotify_event_metadata record{};
-    for (; RecordAt(data, length, record); data += record.event_len, length -= static_cast<long>(record.event_len)) {
+    for (; FanotifyRecordAt(data, static_cast<std::size_t>(length), record);
+         data += record.event_len, length -= static_cast<long>(record.event_len)) {
         if (record.fd < 0) continue;
         const std::uint64_t ticket = TicketOf(record.fd);
         if (ticket != 0) {
@@ -235,8 +223,7 @@ void FileFanotify::ReleaseRest(const char* data, long length) const {
             continue;
         }
         if (block && (record.mask & kFanPermissionBits) != 0) {
-            const fanotify_response answer{record.fd, FAN_ALLOW};
-            (void)!::write(_fd, &answer, sizeof answer);
+            WriteFanotifyAnswer(_fd, record.fd, true);
         }
         ::close(record.fd);
     }
@@ -299,8 +286,7 @@ int FileFanotify::DoResponse(int eventFd, bool isAllow) {
         _book->Answer(ticket, isAllow);
         return 0;
     }
-    const fanotify_response answer{eventFd, isAllow ? static_cast<__u32>(FAN_ALLOW) : static_cast<__u32>(FAN_DENY)};
-    if (::write(_fd, &answer, sizeof answer) < 0) {
+    if (!WriteFanotifyAnswer(_fd, eventFd, isAllow)) {
         const int error = errno;
         FN_LOG(LOG_ERROR, "call write response_struct fd=%d,isAllow=%b failed,errno=%d", _fd, isAllow, error);
         return 1;

@@ -10,7 +10,7 @@
 #include <utility>
 #include <vector>
 
-#include "FileNotifyMask.h"
+#include "FanotifyRecords.h"
 #include "FileNotifyOpt.h"
 
 namespace Framework {
@@ -45,7 +45,6 @@ public:
     FileFanotify& operator=(const FileFanotify&) = delete;
 
     int GetFd() const { return _fd; }
-    bool IsBlock() const { return block; }
     // The descriptor registered with the task's event waiter: the group's
     // own, or for a permission group its reader's ready descriptor.
     int GetEventFd() const;
@@ -125,9 +124,6 @@ private:
     unsigned long _overflowCount = 0;
     bool _held = false;
 };
-
-// The bits of an event that holds its process until it is answered.
-constexpr unsigned int kFanPermissionBits = FileNotifyMask::kPermissionBits;
 
 // The debug record of a permission event of the agent's own process, which
 // is allowed at once.

@@ -1,11 +1,11 @@
 #include "FileFanotifyPermitBook.h"
 
-#include <sys/fanotify.h>
 #include <unistd.h>
 
 #include <algorithm>
-#include <cerrno>
 #include <utility>
+
+#include "FanotifyRecords.h"
 
 namespace Engine {
 
@@ -18,18 +18,10 @@ FileFanotifyPermitBook::~FileFanotifyPermitBook() {
         ::close(entry.second.fd);
 }
 
-void FileFanotifyPermitBook::WriteAnswer(int eventFd, bool allow) const {
-    const fanotify_response answer{eventFd, allow ? static_cast<__u32>(FAN_ALLOW) : static_cast<__u32>(FAN_DENY)};
-    ssize_t written;
-    do {
-        written = ::write(_groupFd, &answer, sizeof answer);
-    } while (written < 0 && errno == EINTR);
-}
-
 std::uint64_t FileFanotifyPermitBook::Add(int eventFd, Clock::time_point readAt) {
     std::lock_guard<std::mutex> lock(_mutex);
     if (_closed || _entries.size() >= kCapacity) {
-        if (!_closed) WriteAnswer(eventFd, true);
+        if (!_closed) WriteFanotifyAnswer(_groupFd, eventFd, true);
         ::close(eventFd);
         ++_refused;
         return 0;
@@ -40,7 +32,7 @@ std::uint64_t FileFanotifyPermitBook::Add(int eventFd, Clock::time_point readAt)
 }
 
 FileFanotifyPermitBook::Entries::iterator FileFanotifyPermitBook::Settle(Entries::iterator entry, bool allow) {
-    if (!_closed) WriteAnswer(entry->second.fd, allow);
+    if (!_closed) WriteFanotifyAnswer(_groupFd, entry->second.fd, allow);
     entry->second.answered = true;
     if (!entry->second.released) return std::next(entry);
     ::close(entry->second.fd);

@@ -60,7 +60,6 @@ private:
     };
     using Entries = std::map<std::uint64_t, Entry>;
 
-    void WriteAnswer(int eventFd, bool allow) const;
     // Answers the entry (under the lock) and forgets it once released.
     Entries::iterator Settle(Entries::iterator entry, bool allow);
 

@@ -1,6 +1,6 @@
 #include "FileFanotifyPermitReader.h"
 
-#include "FileFanotify.h"
+#include "FanotifyRecords.h"
 #include "FileFanotifyPermitBook.h"
 
 #include <poll.h>
@@ -21,13 +21,6 @@ namespace Engine {
 namespace {
 
 constexpr std::size_t kReadBufferSize = 8192;
-
-// The record header at data, or false when no whole record starts there.
-bool HeaderAt(const char* data, std::size_t remaining, fanotify_event_metadata& header) {
-    if (remaining < sizeof header) return false;
-    std::memcpy(&header, data, sizeof header);
-    return header.event_len >= sizeof header && header.event_len <= remaining;
-}
 
 void WriteAll(int fd, const void* data, std::size_t size) {
     ssize_t written;
@@ -68,7 +61,8 @@ void FileFanotifyPermitReader::Stop() {
     }
     std::lock_guard<std::mutex> lock(_mutex);
     fanotify_event_metadata header{};
-    for (std::size_t at = 0; HeaderAt(_records.data() + at, _records.size() - at, header); at += header.event_len) {
+    for (std::size_t at = 0; FanotifyRecordAt(_records.data() + at, _records.size() - at, header);
+         at += header.event_len) {
         const std::uint64_t ticket = _ticketOf.front();
         _ticketOf.pop_front();
         if (ticket != 0) {
@@ -119,13 +113,11 @@ void FileFanotifyPermitReader::Sort(const char* data, std::size_t length) {
     std::vector<std::uint64_t> tickets;
     std::vector<int> own;
     fanotify_event_metadata header{};
-    const int self = static_cast<int>(::getpid());
     const auto now = std::chrono::steady_clock::now();
-    for (std::size_t at = 0; HeaderAt(data + at, length - at, header); at += header.event_len) {
+    for (std::size_t at = 0; FanotifyRecordAt(data + at, length - at, header); at += header.event_len) {
         const bool permission = (header.mask & kFanPermissionBits) != 0 && header.fd >= 0;
-        if (permission && header.pid == self) {
-            const fanotify_response answer{header.fd, FAN_ALLOW};
-            WriteAll(_fanotifyFd, &answer, sizeof answer);
+        if (permission && IsOwnAccess(header)) {
+            WriteFanotifyAnswer(_fanotifyFd, header.fd, true);
             ::close(header.fd);
             own.push_back(header.pid);
             continue;
@@ -156,7 +148,7 @@ long FileFanotifyPermitReader::Take(char* buffer, long size, std::vector<int>& o
     _ownPids.clear();
     std::size_t taken = 0;
     fanotify_event_metadata header{};
-    while (HeaderAt(_records.data() + taken, _records.size() - taken, header) &&
+    while (FanotifyRecordAt(_records.data() + taken, _records.size() - taken, header) &&
            taken + header.event_len <= static_cast<std::size_t>(size)) {
         taken += header.event_len;
         if (_ticketOf.front() != 0) tickets.emplace_back(header.fd, _ticketOf.front());

@@ -386,9 +386,8 @@ int FileFanotifyWatch::DoPermitEvent(int /*fd*/, struct fanotify_event_metadata*
     const auto mask = static_cast<unsigned int>(metadata->mask);
     const auto pid = static_cast<unsigned int>(metadata->pid);
     const bool isPermission = (mask & kFanPermissionBits) != 0;
-    // The agent's own accesses are never put to a consumer: the consumer may
-    // be the very thread that waits, or the module thread itself.
-    if (isPermission && metadata->pid == ::getpid()) {
+    // The consumer may be the very thread that waits, or the module thread itself.
+    if (IsOwnAccess(*metadata)) {
         FN_LOG(LOG_DEBUG, kOwnAccessAllowedText, metadata->pid);
         return permitFileFanotify->DoResponse(eventFd, true);
     }

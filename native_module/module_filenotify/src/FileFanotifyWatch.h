@@ -53,7 +53,7 @@ public:
     // Opens the permission group, then the notification group. A refusal
     // (no CAP_SYS_ADMIN) is logged and leaves the engine off.
     FileFanotifyWatch();
-    virtual ~FileFanotifyWatch();
+    ~FileFanotifyWatch();
     FileFanotifyWatch(const FileFanotifyWatch&) = delete;
     FileFanotifyWatch& operator=(const FileFanotifyWatch&) = delete;
 
@@ -108,8 +108,8 @@ public:
     int DoPermitEvent(int fd, struct fanotify_event_metadata* metadata);
     // One notify type 1 message to the record's task; eventFd is open during
     // the call (the file status is taken from it when asked).
-    virtual int SendEventMsg(Notify_WatchItem* watchItem, const std::string& eventFile, unsigned int mask,
-                             unsigned int pid, int eventFd);
+    int SendEventMsg(Notify_WatchItem* watchItem, const std::string& eventFile, unsigned int mask, unsigned int pid,
+                     int eventFd);
     // Asks the record's task and waits until the access's deadline at most
     // (never longer than kPermitTimeoutMs); isAllow is false only when its
     // deny reached the kernel in time. Always 0.

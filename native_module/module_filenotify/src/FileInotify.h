@@ -9,8 +9,8 @@
 #include <string>
 #include <vector>
 
-#include "FileNotifyLog.h"
 #include "FileNotifyOpt.h"
+#include "LogRateLimit.h"
 
 namespace Framework {
 class Event;

@@ -41,7 +41,7 @@ public:
     };
 
     FileInotifyWatch();
-    virtual ~FileInotifyWatch();
+    ~FileInotifyWatch();
     FileInotifyWatch(const FileInotifyWatch&) = delete;
     FileInotifyWatch& operator=(const FileInotifyWatch&) = delete;
 
@@ -58,11 +58,19 @@ public:
 
     // Reads and delivers the events of descriptor fd into buffer (capacity
     // length). 0, the instance's error, or 1 when fd is none of ours.
-    virtual int ReadEvents(int fd, char* buffer, int length);
+    int ReadEvents(int fd, char* buffer, int length);
     // Mounts came or went at these points: both instances read what they
     // have (into buffer) and look again.
     void ResyncUnder(const std::vector<std::string>& mountPoints, char* buffer, int length);
 
+    // Holds or releases the instance whose descriptor is fd; false when fd is
+    // none of ours.
+    bool HoldReader(int fd, bool held);
+
+    const FileNotifyLimit& GetLimit() const { return fileNotifyLimit; }
+    const FileNotifyWatchData& GetWatchData() const { return notifyWatchData; }
+
+private:
     // Turns the records on (fd, wd) into pending watches at task; filePath
     // receives their path. Always 0.
     int ChangeToPendingWatch(FileNotifyTask* task, int fd, int wd, std::string& filePath);
@@ -83,16 +91,9 @@ public:
     // A folder new to the tree of (fd, wd) could not be watched: a watch
     // failure report to each task of that root, at most one a second.
     int SendWatchFailedMsg(int fd, int wd, const std::string& folder);
-    // Holds or releases the instance whose descriptor is fd; false when fd is
-    // none of ours.
-    bool HoldReader(int fd, bool held);
     // One FileNotifyMessage to each task whose options let the event through.
     int SendEventMsg(const _EventItem* eventItem);
 
-    const FileNotifyLimit& GetLimit() const { return fileNotifyLimit; }
-    const FileNotifyWatchData& GetWatchData() const { return notifyWatchData; }
-
-private:
     // Where event messages go: the owning task's.
     FileNotifyFlowControl& FlowControl();
 

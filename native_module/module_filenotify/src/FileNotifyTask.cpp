@@ -9,6 +9,7 @@
 #include "CpuYield.h"
 #include "FileNotifyLog.h"
 #include "FileNotifyMessage.h"
+#include "FileNotifyPath.h"
 #include "FileNotifyUtils.h"
 #include "sdk/FileUtils.h"
 
@@ -247,7 +248,7 @@ void FileNotifyTask::TimerSchduler() {
             continue;
         }
         record.opt.timerFound = true;
-        const std::string path = FileNotifyUtils::FormatFolderName(record.path);
+        const std::string path = FileNotifyPath::FormatFolderName(record.path);
         FN_LOG(LOG_DEBUG, "Timer detect new created file taskId=%d;watchedObject=%s;mask=%u", record.taskId, path,
                record.mask);
         // Taken out for the add, and put back in its place if the add fails.

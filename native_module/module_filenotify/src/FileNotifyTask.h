@@ -90,15 +90,15 @@ public:
     // Frees every pending watch record.
     void ClearCache();
 
-    const std::list<std::unique_ptr<_PendingWatchItem>>& GetPendingWatchList() const { return pendingWatchList; }
     // Delivery of event messages to the consumers, for the engines.
     FileNotifyFlowControl& GetFlowControl() { return flowControl; }
-    // The engines, for callers that already run on the task's thread.
+    // The inotify engine, for callers that already run on the task's thread.
     FileInotifyWatch& GetInotifyWatch() { return fileInotifyWatch; }
-    FileFanotifyWatch& GetFanotifyWatch() { return fileFanotifyWatch; }
 
 protected:
     ~FileNotifyTask() override;
+
+    std::list<std::unique_ptr<_PendingWatchItem>> pendingWatchList;
 
 private:
     // Stops or resumes reading the event descriptor `reader`.
@@ -119,7 +119,6 @@ private:
     FileFanotifyWatch fileFanotifyWatch;
     FileNotifyMountWatch mountWatch;
     std::unique_ptr<Framework::Event> mountEvent;  // before mountWatch goes: its descriptor
-    std::list<std::unique_ptr<_PendingWatchItem>> pendingWatchList;
     bool timerSuspended = false;
     int bulkMsgCount = 128;
     int waitTimeout = 3000;

@@ -6,15 +6,12 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <array>
 #include <atomic>
 #include <cerrno>
 #include <chrono>
 #include <cstring>
 #include <memory>
-#include <system_error>
-
-#include <Poco/Logger.h>
+#include <utility>
 
 #include "sdk/ProcessUtils.h"
 
@@ -22,7 +19,6 @@
 #include "FileNotifyLog.h"
 #include "FileNotifyMask.h"
 #include "sdk/FileUtils.h"
-#include "sdk/LoggerUtils.h"
 
 namespace Engine {
 
@@ -33,18 +29,17 @@ using DirPtr = std::unique_ptr<DIR, int (*)(DIR*)>;
 // The kernel's PATH_MAX, the NUL included: a path or link target of this
 // length or more cannot be used, so such a result counts as a failure.
 constexpr std::size_t kPathMax = PATH_MAX;
-constexpr std::size_t kLinkBufferSize = kPathMax;
 
-std::atomic<Poco::Logger*> g_logger{nullptr};
-
-// readlink into a zero-filled buffer; false (errno kept) on failure or when
-// the target does not fit.
+// The link's target; false (errno set) on failure or when it is too long
+// for the kernel to take back.
 bool ReadLinkTarget(const std::string& link, std::string& target) {
-    std::array<char, kLinkBufferSize> buffer{};
-    const ssize_t length = ::readlink(link.c_str(), buffer.data(), buffer.size());
-    // Compared unsigned so that -1 fails as well.
-    if (static_cast<std::size_t>(length) >= buffer.size()) return false;
-    target.assign(buffer.data());
+    std::string read;
+    if (!SDK::FileUtils::ReadLink(link, read)) return false;
+    if (read.size() >= kPathMax) {
+        errno = ENAMETOOLONG;
+        return false;
+    }
+    target = std::move(read);
     return true;
 }
 
@@ -149,55 +144,9 @@ int ReadFolder(const std::string& folder, const Visitor& visit, FileNotifyUtils:
 
 }  // namespace
 
-Poco::Logger* FileNotifyUtils::GetLoggerPtr() {
-    Poco::Logger* logger = g_logger.load(std::memory_order_acquire);
-    if (logger != nullptr) return logger;
-    try {
-        logger = SDK::LoggerUtils::GetInstance()->GetModuleLogger("filenotify_module", false);
-    } catch (...) {
-        return nullptr;
-    }
-    g_logger.store(logger, std::memory_order_release);
-    return logger;
-}
-
 bool FileNotifyUtils::IsExistFilePath(const std::string& path) {
     struct stat info {};
     return ::stat(path.c_str(), &info) == 0;
-}
-
-FileNotifyUtils::PathCheck FileNotifyUtils::CheckWatchPath(const std::string& path, std::string& reason) {
-    reason.clear();
-    if (path.empty()) {
-        reason = "an empty path names nothing";
-        return PathCheck::Refused;
-    }
-    if (path.size() >= kPathMax) {
-        reason = "the path is " + std::to_string(path.size()) + " bytes long, longer than PATH_MAX (" +
-                 std::to_string(kPathMax) + " with its end)";
-        return PathCheck::Refused;
-    }
-    struct stat info {};
-    if (::stat(path.c_str(), &info) == 0) return PathCheck::Exists;
-    const int error = errno;
-    switch (error) {
-        case ENOENT:
-        case ENOTDIR:
-            return PathCheck::Missing;
-        case EACCES:
-            reason = "a folder above it may not be searched (" + std::generic_category().message(error) + ")";
-            break;
-        case ENAMETOOLONG:
-            reason = "a part of the path is longer than NAME_MAX (" + std::generic_category().message(error) + ")";
-            break;
-        case ELOOP:
-            reason = "its symbolic links loop (" + std::generic_category().message(error) + ")";
-            break;
-        default:
-            reason = "stat failed: " + std::generic_category().message(error);
-            break;
-    }
-    return PathCheck::Refused;
 }
 
 bool FileNotifyUtils::IsIgnoreWatchEvent(int mask, const std::vector<unsigned int>& wantedMasks, bool fanotifyEvent) {
@@ -206,32 +155,6 @@ bool FileNotifyUtils::IsIgnoreWatchEvent(int mask, const std::vector<unsigned in
     for (unsigned int one : wantedMasks)
         wanted |= one;
     return !FileNotifyMask::Selects(wanted, static_cast<unsigned int>(mask), fanotifyEvent);
-}
-
-std::string FileNotifyUtils::FormatFolderName(const std::string& path) {
-    const std::size_t first = path.find_first_not_of(' ');
-    if (first == std::string::npos) return std::string();
-    std::string result = path.substr(first, path.find_last_not_of(' ') - first + 1);
-    if (result.back() != '/' && SDK::DirUtils::IsDir(result)) result += '/';
-    return result;
-}
-
-bool FileNotifyUtils::IsLinkFolder(const std::string& path) {
-    struct stat info {};
-    if (::stat(path.c_str(), &info) != 0) {
-        FN_LOG(LOG_ERROR, "No find file %s", path);
-        return false;
-    }
-    std::string target;
-    if (!ReadLinkTarget(path, target)) {
-        const int error = errno;
-        FN_LOG(LOG_ERROR, "Failed to call  readlink for %s, errno=%d", path, error);
-        return false;
-    }
-    // The target is taken as it stands: a relative one is resolved against
-    // the working directory, not the link's folder, and usually fails here.
-    if (::stat(target.c_str(), &info) != 0) return false;
-    return S_ISDIR(info.st_mode);
 }
 
 bool FileNotifyUtils::IsIgnoreWatchObject(const std::string& path, const _FileNotifyOpt& opt) {

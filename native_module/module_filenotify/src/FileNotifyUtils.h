@@ -4,21 +4,15 @@
 #include <string>
 #include <vector>
 
-#include "FileNotifyExport.h"
 #include "FileNotifyOpt.h"
-
-namespace Poco {
-class Logger;
-}
 
 namespace Engine {
 
-// Path and event helpers shared by both engines, the watch registry and the
-// watch request. Stateless but for the logger cache and the CPU yield ticks;
-// everything but GetLoggerPtr and FormatFolderName is meant for the module
-// task's thread. Failures are reported by the result and a log record; no
-// operation throws for a file-system failure.
-class FILENOTIFY_API FileNotifyUtils {
+// Path and event helpers shared by both engines and the watch registry.
+// Stateless but for the CPU yield ticks; meant for the module task's thread.
+// Failures are reported by the result and a log record; no operation throws
+// for a file-system failure.
+class FileNotifyUtils {
 public:
     // The bounds of one folder walk, owned by the caller and passed through
     // the whole walk; depth is back to 0 after it.
@@ -28,13 +22,6 @@ public:
         int visitedCount = 0;  // folders the walk tried to open, the root included
     };
 
-    FileNotifyUtils() = default;
-    virtual ~FileNotifyUtils() = default;
-
-    // The module logger ("filenotify_module"), or null when the agent has
-    // none. Fetched once, then cached for the life of the process.
-    static Poco::Logger* GetLoggerPtr();
-
     // text begins with prefix (bytes; equal strings included).
     static bool HasPrefix(const std::string& text, const std::string& prefix) {
         return prefix.size() <= text.size() && text.compare(0, prefix.size(), prefix) == 0;
@@ -43,31 +30,11 @@ public:
     // stat() succeeds; follows links.
     static bool IsExistFilePath(const std::string& path);
 
-    // What a watch request can make of path.
-    enum class PathCheck {
-        Exists,   // stat succeeds: watch it now
-        Missing,  // a part is not there (ENOENT) or no folder (ENOTDIR): it may appear, keep it pending
-        Refused,  // no creation of the path would make it watchable: refuse the request
-    };
-    // Refused, with a reason for people in reason, for an empty path, one of
-    // PATH_MAX bytes or more, one with a part longer than NAME_MAX, one below
-    // a folder that may not be searched (EACCES), a loop of links (ELOOP), and
-    // any other failure of stat. Follows links; any thread.
-    static PathCheck CheckWatchPath(const std::string& path, std::string& reason);
-
     // True when the consumer did not ask for the event, so it is dropped:
     // FileNotifyMask::Selects with the union of wantedMasks (event bits
     // select, flags do not; a fanotify folder event needs the folder flag).
     // An empty list drops everything.
     static bool IsIgnoreWatchEvent(int mask, const std::vector<unsigned int>& wantedMasks, bool fanotifyEvent = false);
-
-    // Blanks (" " only) trimmed at both ends; "/" appended to an existing
-    // folder (links followed). A missing path or a file gets no "/".
-    static std::string FormatFolderName(const std::string& path);
-
-    // path is a symbolic link whose target is a folder. A relative target is
-    // resolved against the working directory, not the link's folder.
-    static bool IsLinkFolder(const std::string& path);
 
     // True when the event's file matches the watch's ignore rules: a path
     // prefix of ignorePath (recursive watches only) or an ending of

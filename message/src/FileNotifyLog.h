@@ -1,6 +1,5 @@
 #pragma once
 
-#include <chrono>
 #include <string>
 #include <utility>
 
@@ -8,9 +7,13 @@
 #include <Poco/Logger.h>
 #include <Poco/Message.h>
 
-#include "FileNotifyUtils.h"
+#include "FileNotifyExport.h"
 
 namespace Engine {
+
+// The module logger ("filenotify_module"), or null when the agent has none.
+// Fetched once, then cached for the life of the process; any thread.
+FILENOTIFY_API Poco::Logger* GetLoggerPtr();
 
 // POCO priorities used by the module.
 enum LogPriority : int {
@@ -22,7 +25,7 @@ enum LogPriority : int {
 
 // True when the module logger writes records of this priority.
 inline bool LogAdmits(int priority) noexcept {
-    Poco::Logger* logger = FileNotifyUtils::GetLoggerPtr();
+    Poco::Logger* logger = GetLoggerPtr();
     return logger != nullptr && logger->is(priority);
 }
 
@@ -33,7 +36,7 @@ template <typename... Args>
 void WriteLog(int priority, const char* file, int line, const char* format, Args&&... args) noexcept {
     try {
         if (!LogAdmits(priority)) return;
-        Poco::Logger* logger = FileNotifyUtils::GetLoggerPtr();
+        Poco::Logger* logger = GetLoggerPtr();
         std::string text;
         if constexpr (sizeof...(Args) == 0) {
             text = format;
@@ -44,29 +47,6 @@ void WriteLog(int priority, const char* file, int line, const char* format, Args
     } catch (...) {
     }
 }
-
-// Lets one record of a kind through a second, so that what can repeat
-// without end (a changing tree) cannot flood the log; counts the rest.
-class LogRateLimit {
-public:
-    // True when a record may be written now; held is then the number of
-    // records held back since the last one.
-    bool Admit(unsigned long& held) {
-        const auto now = std::chrono::steady_clock::now();
-        if (_last != std::chrono::steady_clock::time_point{} && now - _last < std::chrono::seconds(1)) {
-            ++_held;
-            return false;
-        }
-        _last = now;
-        held = _held;
-        _held = 0;
-        return true;
-    }
-
-private:
-    std::chrono::steady_clock::time_point _last{};
-    unsigned long _held = 0;
-};
 
 }  // namespace Engine
 

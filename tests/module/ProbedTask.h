@@ -1,0 +1,14 @@
+#pragma once
+
+#include "FileNotifyTask.h"
+
+namespace TestUtil {
+
+// A module task whose pending watch records a test may look at; call on the
+// task's thread or while it does not run.
+class ProbedTask : public Engine::FileNotifyTask {
+public:
+    const std::list<std::unique_ptr<Engine::_PendingWatchItem>>& PendingWatches() const { return pendingWatchList; }
+};
+
+}  // namespace TestUtil
