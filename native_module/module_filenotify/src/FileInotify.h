@@ -12,6 +12,7 @@
 
 #include "FileNotifyLog.h"
 #include "FileNotifyOpt.h"
+#include "WatchFailure.h"
 
 namespace Framework {
 class Event;
@@ -112,6 +113,8 @@ public:
     bool GetSubFloderList(std::vector<std::string>& list, const std::string& path, bool watchSymLink,
                           bool watchChildFolder, bool isFile);
     int AddWatchImpl(const std::string& path, unsigned int mask, int& wd);
+    // Why the last add that returned non-zero failed.
+    const WatchFailure& LastFailure() const { return _lastFailure; }
     // A folder gone since the walk, or one without read permission, is
     // skipped (0). placed, when given, collects the kernel watches new to
     // this instance.
@@ -185,11 +188,16 @@ private:
     // An event on a path reported as found in the last refresh: the kernel's
     // report of the same creation is dropped, once.
     bool IsFoundAlready(const std::string& path, unsigned int mask);
+    // The watch limit as a failure: needed watches for the tree, 0 when the
+    // kernel refused one (ENOSPC).
+    WatchFailure LimitFailure(int needed) const;
     // The open, read or close of a folder that a sweep read since the last
     // refresh: the module's own doing.
     bool IsOwnRead(const std::string& path, unsigned int mask) const;
 
     int _fd = -1;
+    int _initError = 0;  // errno of a failed inotify_init1
+    WatchFailure _lastFailure;
     std::unique_ptr<Framework::Event> _event;
     std::map<int, std::unique_ptr<_WatchItem>> _watchItemMap;
     std::map<int, _WatchSubItem> _watchSubItemMap;
