@@ -105,6 +105,8 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
 
     Engine::FileNotifyWatchMessage add(module.consumer.get(), path, masks, opt);
     module.Handle(add);
+    FUZZ_CHECK(add.GetMsgReply() != "-1" || add.GetFailure().reason != Engine::WatchFailure::Reason::None,
+               "a request that made no watch says no reason");
     // A missing path is pending once per engine that the request uses, and
     // a remove request takes one pending record at a time.
     const int parts = (add.GetFanotifyMask() != 0 ? 1 : 0) + (add.GetInotifyMask() != 0 ? 1 : 0);

@@ -28,13 +28,13 @@
 #include "CliSettings.h"
 #include "EventNames.h"
 #include "FileNotifyMask.h"
-#include "FileNotifyPath.h"
 #include "FileNotifyWatchMessage.h"
 #include "OutputSink.h"
 #include "WatchConsumer.h"
-#include "WatchLimitTap.h"
+#include "WatchFailure.h"
 #include "framework/ConfigManager.h"
 #include "framework/ModuleHost.h"
+#include "framework/Task.h"
 #include "framework/TaskRunner.h"
 #include "sdk/InnerCpuCtrlUtils.h"
 #include "sdk/LoggerUtils.h"
@@ -76,6 +76,45 @@ std::string FanotifyRefusal() {
     return "cannot use fanotify on this kernel (fanotify_init: " + std::generic_category().message(errno) + ")";
 }
 
+// Why the module did not watch a path, for people: its reason in words,
+// with the numbers of the watch limit and how to raise it.
+std::string Explained(const Engine::WatchFailure& failure) {
+    using Reason = Engine::WatchFailure::Reason;
+    const std::string error = failure.error != 0 ? std::generic_category().message(failure.error) : "no reason given";
+    switch (failure.reason) {
+        case Reason::LimitReached: {
+            const std::string kernel = "fs.inotify.max_user_watches=" + std::to_string(failure.kernelLimit);
+            if (failure.needed == 0) {
+                return "the inotify watches of this user are used up (" + kernel +
+                       ", shared by all its processes); raise it with 'sysctl -w fs.inotify.max_user_watches=N'";
+            }
+            std::string home;
+            SDK::PathUtils::GetInstallationPath(home);
+            return "the tree needs " + std::to_string(failure.needed) + " inotify watches, only " +
+                   std::to_string(failure.allowed) + " more are allowed (" + std::to_string(failure.percent) + "% of " +
+                   kernel +
+                   "); raise them with 'sysctl -w fs.inotify.max_user_watches=N' or the inotify percentage in " + home +
+                   "conf/resource.conf";
+        }
+        case Reason::BadPath:
+            return failure.detail;
+        case Reason::BadRequest:
+            return "the module refused the request: " + failure.detail;
+        case Reason::Duplicate:
+            return "it is watched already, as it is or by a recursive watch above it";
+        case Reason::PermissionDenied:
+            return "the kernel denied access (" + error + ")";
+        case Reason::Unavailable:
+            return "the module cannot use " + failure.detail + " (" + error + ")";
+        case Reason::KernelError:
+            return "the kernel refused the watch (" + error + ")";
+        case Reason::Pending:
+        case Reason::None:
+            break;
+    }
+    return "the module refused it without a reason";
+}
+
 class FileNotifyApp : public Poco::Util::ServerApplication {
 public:
     // Paths are taken against the folder it was started in: --daemon moves
@@ -101,7 +140,7 @@ private:
     }
     void ConfigureAgent();
     std::string BinaryFolder() const { return Poco::Path(config().getString("application.path")).parent().toString(); }
-    int WatchAll(Framework::ModuleHost& host, WatchConsumer& consumer, const WatchLimitTap& tap);
+    int WatchAll(Framework::ModuleHost& host, WatchConsumer& consumer);
     int WaitForStop();
     int Finish(const WatchConsumer& consumer, OutputSink& output, int result) const;
 
@@ -155,7 +194,7 @@ void FileNotifyApp::ConfigureAgent() {
     SDK::InnerCpuCtrlUtils::SetCpuShare(Framework::ConfigManager::GetInstance()->GetResourceConfig().cpuPercent);
 }
 
-int FileNotifyApp::WatchAll(Framework::ModuleHost& host, WatchConsumer& consumer, const WatchLimitTap& tap) {
+int FileNotifyApp::WatchAll(Framework::ModuleHost& host, WatchConsumer& consumer) {
     const int moduleId = consumer.AddConsumerByName("filenotify_task", "f");
     if (moduleId == 0 || host.FindTask("filenotify_task") == nullptr) {
         std::cerr << "filenotify: the module has no filenotify_task" << std::endl;
@@ -166,26 +205,27 @@ int FileNotifyApp::WatchAll(Framework::ModuleHost& host, WatchConsumer& consumer
     for (const std::string& path : _settings.paths) {
         auto* request =
             new Engine::FileNotifyWatchMessage(&consumer, path, {_settings.RequestMask()}, _settings.RequestOptions());
+        // Kept across the send: the framework deletes the request.
+        const auto failure = request->GetFailureSlot();
         std::string reply;
-        const int result = consumer.SyncSendMsg(moduleId, "f", request, reply, 10000, 1);
+        constexpr long kAnswerMs = 10000;
+        const int result = consumer.SyncSendMsg(moduleId, "f", request, reply, kAnswerMs, 1);
         if (result == 0 && reply != "-1") {
             ++watched;
             continue;
         }
-        // The module's own test: a refused path was not kept pending.
-        std::string reason;
-        switch (Engine::FileNotifyPath::CheckWatchPath(path, reason)) {
-            case Engine::FileNotifyPath::PathCheck::Missing:
-                ++pending;
-                std::cerr << "filenotify: " << path << " does not exist yet; it is watched when it appears"
-                          << std::endl;
-                break;
-            case Engine::FileNotifyPath::PathCheck::Refused:
-                std::cerr << "filenotify: cannot watch " << Shown(path) << ": " << reason << std::endl;
-                break;
-            case Engine::FileNotifyPath::PathCheck::Exists:
-                std::cerr << "filenotify: cannot watch " << path << ": " << tap.Explain() << std::endl;
-                break;
+        const Engine::WatchFailure why = failure->Get();
+        if (why.reason == Engine::WatchFailure::Reason::Pending) {
+            ++pending;
+            std::cerr << "filenotify: " << path << " does not exist yet; it is watched when it appears" << std::endl;
+        } else if (result == Framework::MSG_ERR_TIMEOUT) {
+            std::cerr << "filenotify: cannot watch " << Shown(path) << ": the module did not answer within "
+                      << kAnswerMs / 1000 << " seconds" << std::endl;
+        } else if (result < 0) {
+            std::cerr << "filenotify: cannot watch " << Shown(path) << ": the request did not reach the module (error "
+                      << result << ")" << std::endl;
+        } else {
+            std::cerr << "filenotify: cannot watch " << Shown(path) << ": " << Explained(why) << std::endl;
         }
     }
     std::cerr << "filenotify: watching " << watched << " path" << (watched == 1 ? "" : "s") << " (" << pending
@@ -240,7 +280,6 @@ int FileNotifyApp::main(const std::vector<std::string>& args) {
         return kExitUsage;
     }
     ConfigureAgent();
-    WatchLimitTap tap;
     const std::string module =
         _settings.module.empty()
             ? Poco::Path(BinaryFolder()).parent().pushDirectory("lib").setFileName("libfilenotify_module.so").toString()
@@ -254,7 +293,7 @@ int FileNotifyApp::main(const std::vector<std::string>& args) {
     Poco::AutoPtr<WatchConsumer> consumer(new WatchConsumer(_settings, output, [] { terminate(); }));
     Framework::TaskRunner consumerRunner(consumer.get());
     consumerRunner.Start();
-    const int requested = WatchAll(host, *consumer, tap);
+    const int requested = WatchAll(host, *consumer);
     const int result = requested > 0 ? WaitForStop() : kExitNothingWatched;
     host.Stop();  // first: a permission event may be waiting for the consumer
     consumerRunner.Stop();

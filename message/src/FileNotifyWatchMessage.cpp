@@ -79,14 +79,16 @@ int FileNotifyWatchMessage::MessageHandle(void* task) {
     auto* service = dynamic_cast<FileNotifyWatchService*>(static_cast<Framework::Task*>(task));
     if (service == nullptr) {
         FN_LOG(LOG_ERROR, "filewatch request reached a task that serves no watches");
-        return 1;
-    }
-    if (m_filePath.empty()) {
-        FN_LOG(LOG_ERROR, "m_filePath is empty");
+        m_failure->Set(WatchFailure::Of(WatchFailure::Reason::BadRequest, 0, "the task serves no watch requests"));
         return 1;
     }
     std::string reason;
     const FileNotifyPath::PathCheck check = FileNotifyPath::CheckWatchPath(m_filePath, reason);
+    if (m_filePath.empty()) {
+        FN_LOG(LOG_ERROR, "m_filePath is empty");
+        m_failure->Set(WatchFailure::Of(WatchFailure::Reason::BadPath, 0, reason));
+        return 1;
+    }
     const bool exists = check == FileNotifyPath::PathCheck::Exists;
     if (exists) {
         m_filePath = FileNotifyPath::FormatFolderName(m_filePath);
@@ -97,11 +99,13 @@ int FileNotifyWatchMessage::MessageHandle(void* task) {
     // Pending would be for ever: the path cannot come into existence as it is.
     if (check == FileNotifyPath::PathCheck::Refused) {
         FN_LOG(LOG_ERROR, "watch request refused, filePath=%s: %s", m_filePath, reason);
+        m_failure->Set(WatchFailure::Of(WatchFailure::Reason::BadPath, 0, reason));
         return 1;
     }
     // Its events would go nowhere: the sender is gone.
     if (service->AddSenderAsConsumer(m_taskId) != 0) {
         FN_LOG(LOG_ERROR, "Task::AddFileNotifyMsgConsumer failed");
+        m_failure->Set(WatchFailure::Of(WatchFailure::Reason::BadRequest, 0, "its sender is no live task"));
         return 1;
     }
     const int result = exists ? MessageAddWatchHandle(service) : MessageAddPendingWatchHandle(service);
@@ -114,17 +118,26 @@ int FileNotifyWatchMessage::MessageAddWatchHandle(FileNotifyWatchService* task) 
            m_filePath, m_fanotifyMask, m_watchMask);
     int watchId = -1;
     int result = 0;
+    // Each engine's failure is taken as it happens: the next add may overwrite it.
+    const auto noted = [&](int added) {
+        if (added != 0) m_failure->Set(task->LastWatchFailure());
+        return added;
+    };
     if (m_opt.permit) {
-        result = task->AddPermitWatch(m_taskId, m_filePath, GetFanNotifyPermitMask(), m_opt, watchId);
+        result = noted(task->AddPermitWatch(m_taskId, m_filePath, GetFanNotifyPermitMask(), m_opt, watchId));
     } else {
-        if (m_fanotifyMask != 0) result = task->AddNotifyWatch(m_taskId, m_filePath, m_fanotifyMask, m_opt, watchId);
-        if (m_watchMask != 0) result |= task->AddInotifyWatch(m_taskId, m_filePath, m_watchMask, m_opt, watchId);
+        if (m_fanotifyMask != 0)
+            result = noted(task->AddNotifyWatch(m_taskId, m_filePath, m_fanotifyMask, m_opt, watchId));
+        if (m_watchMask != 0) result |= noted(task->AddInotifyWatch(m_taskId, m_filePath, m_watchMask, m_opt, watchId));
+        if (m_fanotifyMask == 0 && m_watchMask == 0)
+            m_failure->Set(WatchFailure::Of(WatchFailure::Reason::BadRequest, 0, "it asks for no event"));
     }
     m_watchId = watchId;
     return result;
 }
 
 int FileNotifyWatchMessage::MessageAddPendingWatchHandle(FileNotifyWatchService* task) {
+    m_failure->Set(WatchFailure::Of(WatchFailure::Reason::Pending));
     if (m_opt.permit) {
         task->AddPendingWatch(m_taskId, m_filePath, GetFanNotifyPermitMask(), m_opt, 2);
         return 1;

@@ -1,11 +1,13 @@
 #pragma once
 
+#include <memory>
 #include <string>
 #include <vector>
 
 #include "FileNotifyExport.h"
 #include "FileNotifyMask.h"
 #include "FileNotifyOpt.h"
+#include "WatchFailure.h"
 #include "framework/Message.h"
 
 namespace Framework {
@@ -25,7 +27,9 @@ class FileNotifyWatchService;
 // report, with the acting process) and inotify (all others), and adds, keeps
 // pending or removes the watch. The reply string is the watch id made, "-1"
 // for a pending, refused or failed watch; a request whose sender is gone
-// fails (1, logged) and gets no reply.
+// fails (1, logged) and gets no reply. Why an add request was not made a
+// watch is kept as a WatchFailure in a slot that the sender may hold on to
+// across the send (GetFailureSlot), since the framework deletes the request.
 class FILENOTIFY_API FileNotifyWatchMessage : public Framework::Message {
 public:
     static constexpr unsigned int kFanotifyBits = FileNotifyMask::kFanotifyRequestBits;
@@ -68,6 +72,10 @@ public:
     const std::string& GetFilePath() const { return m_filePath; }
     const _FileNotifyOpt& GetOpt() const { return m_opt; }
     int GetWatchId() const { return m_watchId; }
+    // Written on the module's thread before the reply goes out; Reason::None
+    // while nothing went wrong.
+    std::shared_ptr<const WatchFailureSlot> GetFailureSlot() const { return m_failure; }
+    WatchFailure GetFailure() const { return m_failure->Get(); }
 
 private:
     // The sender by id and name only: it may be gone by the time the module
@@ -79,6 +87,7 @@ private:
     std::string m_filePath;
     _FileNotifyOpt m_opt;
     int m_watchId = -1;
+    std::shared_ptr<WatchFailureSlot> m_failure = std::make_shared<WatchFailureSlot>();
 };
 
 }  // namespace Engine

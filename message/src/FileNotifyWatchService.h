@@ -4,6 +4,7 @@
 
 #include "FileNotifyExport.h"
 #include "FileNotifyOpt.h"
+#include "WatchFailure.h"
 
 namespace Framework {
 class Task;
@@ -31,6 +32,8 @@ public:
                                int& watchId) = 0;
     virtual int AddPermitWatch(int taskId, const std::string& path, unsigned int mask, const _FileNotifyOpt& opt,
                                int& watchId) = 0;
+    // Why the last of the three adds above that returned non-zero failed.
+    virtual const WatchFailure& LastWatchFailure() const = 0;
     virtual int RemoveInotifyWatch(int taskId, const std::string& path) = 0;
     // Null when the task has no fanotify notify watch on path.
     virtual Notify_WatchItem* GetNotifyWatch(int taskId, const std::string& path) = 0;

@@ -17,6 +17,7 @@
 #include <fstream>
 #include <functional>
 #include <iterator>
+#include <regex>
 #include <sstream>
 #include <string>
 #include <vector>
@@ -417,6 +418,38 @@ TEST(FilenotifyCli, BadPathsAreRefusedAndSpecialFilesAreWatchedAsFiles) {
               lines);
     cli.Signal(SIGTERM);
     EXPECT_EQ(0, cli.Exit());
+}
+
+// A tree larger than the share of fs.inotify.max_user_watches that the
+// installation's conf/resource.conf grants is refused before any watch,
+// with the module's numbers and how to raise them.
+TEST(FilenotifyCli, ATreeOverTheWatchLimitIsRefusedWithTheNumbers) {
+    const int kernel = TestUtil::ReadIntFile("/proc/sys/fs/inotify/max_user_watches");
+    const int allowed = kernel / 100;
+    if (kernel <= 0 || allowed > 20000) GTEST_SKIP() << "fs.inotify.max_user_watches is " << kernel;
+    TestUtil::TempDir home;
+    TestUtil::MakeDir(home / "conf");
+    std::ofstream(home / "conf/resource.conf") << "inotify = 1\n";
+    TestUtil::TempDir tree;
+    for (int i = 0; i <= allowed; ++i)
+        TestUtil::MakeDir(tree / std::to_string(i));
+
+    Cli cli({"watch", "-r", "--home", home.path(), tree.path()});
+    EXPECT_EQ(1, cli.Exit());
+    const std::string said = cli.Stderr();
+    // The limit is read again when a tree does not fit: another test may
+    // have changed it meanwhile, so the numbers are checked against each other.
+    std::smatch numbers;
+    ASSERT_TRUE(std::regex_search(said, numbers,
+                                  std::regex("cannot watch .*: the tree needs ([0-9]+) inotify watches, only ([0-9]+) "
+                                             "more are allowed \\(1% of fs.inotify.max_user_watches=([0-9]+)\\)")))
+        << said;
+    EXPECT_EQ(allowed + 2, std::stoi(numbers[1])) << said;  // the folders and the root
+    EXPECT_EQ(std::stoi(numbers[3]) / 100, std::stoi(numbers[2])) << said;
+    EXPECT_NE(std::string::npos, said.find("raise them with 'sysctl -w fs.inotify.max_user_watches=N' or the inotify "
+                                           "percentage in " +
+                                           home.path() + "conf/resource.conf"))
+        << said;
 }
 
 // Its output blocked (a full pipe nobody reads), guard still answers in

@@ -59,11 +59,15 @@ protected:
         const int moduleId = &from == a.get() ? moduleIdA : moduleIdB;
         return from.SyncSendMsg(moduleId, "f", request, reply, 5000, 1);
     }
+    // why, when given, gets the reason the module gave beside the reply.
     int Watch(RecordingConsumer& from, const std::string& path, std::vector<unsigned int> masks,
-              const Engine::_FileNotifyOpt& opt, std::string* reply = nullptr) {
+              const Engine::_FileNotifyOpt& opt, std::string* reply = nullptr, Engine::WatchFailure* why = nullptr) {
         std::string answer;
-        const int result = Send(from, new Engine::FileNotifyWatchMessage(&from, path, masks, opt), answer);
+        auto* request = new Engine::FileNotifyWatchMessage(&from, path, masks, opt);
+        const auto failure = request->GetFailureSlot();
+        const int result = Send(from, request, answer);
         if (reply != nullptr) *reply = answer;
+        if (why != nullptr) *why = failure->Get();
         return result;
     }
     int Unwatch(RecordingConsumer& from, const std::string& path, std::vector<unsigned int> masks,
@@ -219,9 +223,18 @@ TEST_F(ModuleEndToEnd, PendingPathsAreWatchedOnceTheyAppear) {
 
 TEST_F(ModuleEndToEnd, BadRequestsAreRefusedPlainly) {
     std::string reply;
+    Engine::WatchFailure why;
     // Blanks make a path that never exists: it stays pending.
-    EXPECT_EQ(1, Watch(*a, "  " + dir.path() + "  ", {IN_CREATE}, Options(), &reply));
+    EXPECT_EQ(1, Watch(*a, "  " + dir.path() + "  ", {IN_CREATE}, Options(), &reply, &why));
     EXPECT_EQ("-1", reply);
+    EXPECT_EQ(Engine::WatchFailure::Reason::Pending, why.reason);
+    // A second watch of the same path by the same consumer is refused.
+    ASSERT_EQ(0, Watch(*a, dir.path(), {IN_CREATE}, Options(), &reply, &why));
+    EXPECT_EQ(Engine::WatchFailure::Reason::None, why.reason);
+    EXPECT_EQ(1, Watch(*a, dir.path(), {IN_DELETE}, Options(), &reply, &why));
+    EXPECT_EQ("-1", reply);
+    EXPECT_EQ(Engine::WatchFailure::Reason::Duplicate, why.reason);
+    EXPECT_EQ(0, Unwatch(*a, dir.path(), {IN_CREATE}, Options()));
     EXPECT_EQ(1, Unwatch(*a, dir.path(), {IN_CREATE}, Options()));
     EXPECT_TRUE(log.Has(Engine::LOG_ERROR,
                         "No found watch,taskId=" + std::to_string(a->GetTaskId()) + ",filepath=" + dir.path()));

@@ -96,6 +96,10 @@ TEST_F(FileInotifyTest, TooLargeTreesAreRefusedBeforeAnyWatchTooDeepOnesAreCut) 
     int id = 0;
     EXPECT_EQ(1, limited.AddWatch(dir.path(), IN_CREATE, id, true, false, false));
     EXPECT_TRUE(log.Has(LOG_ERROR, "new Watch size 7 is over than max size  6")) << log.Dump();
+    const Engine::WatchFailure& failure = limited.LastFailure();
+    EXPECT_EQ(Engine::WatchFailure::Reason::LimitReached, failure.reason);
+    EXPECT_EQ((std::vector<int>{7, 6, 20, 30}),
+              (std::vector<int>{failure.needed, failure.allowed, failure.kernelLimit, failure.percent}));
     EXPECT_EQ(6, small.GetPermitWatchSize());
 
     // The root is level 1: levels 2 to 20 are watched, 21 is named and cut.

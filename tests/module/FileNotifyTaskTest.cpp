@@ -79,6 +79,9 @@ TEST(FileNotifyTask, RequestsForPathsThatCanNeverBeWatchedAreRefused) {
         EXPECT_EQ(1, request.MessageHandle(static_cast<Framework::Task*>(task.get()))) << c.said;
         EXPECT_EQ("-1", request.GetMsgReply()) << c.said;
         const bool refused = *c.said != '\0';
+        EXPECT_EQ(refused ? Engine::WatchFailure::Reason::BadPath : Engine::WatchFailure::Reason::Pending,
+                  request.GetFailure().reason)
+            << c.said;
         EXPECT_EQ(pending + (refused ? 0 : 1), task->PendingWatches().size()) << c.said;
         ASSERT_EQ(errors + (refused ? 1 : 0), log.Count(Engine::LOG_ERROR)) << c.said << "\n" << log.Dump();
         if (refused) {

@@ -87,12 +87,14 @@ unsigned int FileFanotify::RemoveMarkFlags(const _FileNotifyOpt& opt) {
 }
 
 int FileFanotify::Mark(const char* path, unsigned int flags, unsigned int mask, const _FileNotifyOpt& opt) {
+    _lastFailure = WatchFailure();
     if (path == nullptr) {
         FN_LOG(LOG_ERROR, "filepath is null");
         return 1;
     }
     if (_fd < 0) {
         FN_LOG(LOG_ERROR, "No Initialize for fanotify_init");
+        _lastFailure = WatchFailure::Of(WatchFailure::Reason::Unavailable, _initError, "fanotify");
         return 1;
     }
     if (opt.watchChildFolder) mask |= FAN_EVENT_ON_CHILD;
@@ -101,6 +103,7 @@ int FileFanotify::Mark(const char* path, unsigned int flags, unsigned int mask, 
         // that cannot be marked this way.
         const int error = errno;
         FN_LOG(LOG_ERROR, "call fanotify_mark failed,errno=%d", error);
+        _lastFailure = WatchFailure::FromErrno(error);
         return 1;
     }
     return 0;

@@ -12,6 +12,7 @@
 
 #include "FanotifyRecords.h"
 #include "FileNotifyOpt.h"
+#include "WatchFailure.h"
 
 namespace Framework {
 class Event;
@@ -60,8 +61,10 @@ public:
     static unsigned int AddMarkFlags(const _FileNotifyOpt& opt);
     static unsigned int RemoveMarkFlags(const _FileNotifyOpt& opt);
     // One fanotify_mark; FAN_EVENT_ON_CHILD joins mask for recursive options.
+    // LastFailure tells why the last one that returned non-zero failed.
     int Mark(const char* path, unsigned int flags, unsigned int mask, const _FileNotifyOpt& opt);
     int AddWatch(const char* path, unsigned int mask, const _FileNotifyOpt& opt);
+    const WatchFailure& LastFailure() const { return _lastFailure; }
     int RemoveWatch(const char* path, unsigned int mask, const _FileNotifyOpt& opt);
 
     // For a permission group, before AddEventWatch: what its reader tries
@@ -121,6 +124,7 @@ private:
     std::vector<std::weak_ptr<FileNotifyPermitAnswer>> _answers;
     std::chrono::steady_clock::time_point _refusedLogged;
     int _initError = 0;
+    WatchFailure _lastFailure;
     unsigned long _overflowCount = 0;
     bool _held = false;
 };

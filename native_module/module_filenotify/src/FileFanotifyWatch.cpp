@@ -116,8 +116,10 @@ int FileFanotifyWatch::AddNotifyWatch(int taskId, const std::string& filePath, u
                                       const _FileNotifyOpt& opt, int& wd) {
     _VerifyWatchResult verify;
     notifyWatchData.CheckSameFileWatch(taskId, filePath, verify);
+    lastFailure = WatchFailure();
     if (verify.verifyType == VERIFY_SAME_TASK) {
         FN_LOG(LOG_ERROR, "there are same filepath=%s had been watched", filePath);
+        lastFailure = WatchFailure::Of(WatchFailure::Reason::Duplicate);
         return 1;
     }
     unsigned int markMask = mask;
@@ -130,6 +132,7 @@ int FileFanotifyWatch::AddNotifyWatch(int taskId, const std::string& filePath, u
         notifyWatchData.CheckRelativeFileWatch(filePath, verify);
         if (verify.verifyType == VERIFY_RELATIVE) {
             FN_LOG(LOG_ERROR, "there are relativeFile filepath=%s had been watched", filePath);
+            lastFailure = WatchFailure::Of(WatchFailure::Reason::Duplicate);
             return 1;
         }
         newWd = GetNextWd();
@@ -137,6 +140,7 @@ int FileFanotifyWatch::AddNotifyWatch(int taskId, const std::string& filePath, u
     int result = notifyFileFanotify->AddWatch(filePath.c_str(), markMask, opt);
     if (result != 0) {
         FN_LOG(LOG_ERROR, "call notifyFileFanotify->AddWatch failed,filepath=%s", filePath);
+        lastFailure = notifyFileFanotify->LastFailure();
         return result;
     }
     result = notifyWatchData.AddWatch(
@@ -169,17 +173,20 @@ int FileFanotifyWatch::AddPermitWatch(int taskId, const std::string& filePath, u
     // Held before the mark is placed: should the path be replaced in
     // between, the record holds the old object, which the check finds
     // deleted, and the path is marked again.
+    lastFailure = WatchFailure();
     Framework::UniqueFd held(::open(filePath.c_str(), O_PATH | O_CLOEXEC | (opt.watchSymLink ? 0 : O_NOFOLLOW)));
     struct stat identity {};
     if (!held.valid() || ::fstat(held.get(), &identity) != 0) {
         const int error = errno;
         FN_LOG(LOG_ERROR, "cannot hold %s for its permit watch, errno=%d", filePath, error);
+        lastFailure = WatchFailure::FromErrno(error);
         return 1;
     }
     const int newWd = GetNextWd();
     const int result = permitFileFanotify->AddWatch(filePath.c_str(), mask, opt);
     if (result != 0) {
         FN_LOG(LOG_ERROR, "call notifyFileFanotify->AddPermitWatch failed,filepath=%s", filePath);
+        lastFailure = permitFileFanotify->LastFailure();
         return result;
     }
     auto& record = permitWatchMap[filePath];

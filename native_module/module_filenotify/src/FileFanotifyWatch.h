@@ -12,6 +12,7 @@
 #include "FileFanotifyPermitRouter.h"
 #include "FileNotifyOpt.h"
 #include "FileNotifyWatchData.h"
+#include "WatchFailure.h"
 #include "framework/UniqueFd.h"
 
 namespace Framework {
@@ -76,6 +77,8 @@ public:
     // The first task to ask for a path receives its permission requests; a
     // repeated request widens the mark and leaves wd unwritten.
     int AddPermitWatch(int taskId, const std::string& filePath, unsigned int mask, const _FileNotifyOpt& opt, int& wd);
+    // Why the last AddNotifyWatch or AddPermitWatch that returned non-zero failed.
+    const WatchFailure& LastFailure() const { return lastFailure; }
     // By path; any task may remove it.
     int RemovePermitWatch(int taskId, const std::string& filePath);
     // The first record, in path order, whose marked object is the event
@@ -138,6 +141,7 @@ private:
     FileNotifyWatchData notifyWatchData;
     Framework::Task* task = nullptr;
     int nextWd = kFirstWatchId;
+    WatchFailure lastFailure;
 };
 
 }  // namespace Engine

@@ -106,6 +106,7 @@ int FileInotify::Initialize() {
         const int error = errno;
         // EMFILE here means fs.inotify.max_user_instances is used up.
         FN_LOG(LOG_ERROR, "call inotify_init1 failed,error=%d", error);
+        _initError = error;
         return 1;
     }
     return 0;
@@ -153,6 +154,7 @@ bool FileInotify::TreeFitsLimit(const std::string& path, unsigned int mask, bool
         if (FileNotifyUtils::TraverseSubFolder(path, count, limit) != 0) {
             const int error = errno;
             FN_LOG(IsChurn(error) ? LOG_DEBUG : LOG_ERROR, "failed to TraverseSubFolder  %s", path);
+            _lastFailure = WatchFailure::FromErrno(error);
             errno = error;
             return false;
         }
@@ -162,12 +164,24 @@ bool FileInotify::TreeFitsLimit(const std::string& path, unsigned int mask, bool
     _limit->AutoScaleLimit();
     if (_limit->GetPermitWatchSize() >= needed) return true;
     FN_LOG(LOG_ERROR, "new Watch size %d is over than max size  %d", needed, _limit->GetPermitWatchSize());
+    _lastFailure = LimitFailure(needed);
     errno = 0;  // a refusal of ours, not a change of the tree
     return false;
 }
 
 void FileInotify::NoteOwnRead(unsigned int mask, const std::string& folder) {
     if ((mask & (IN_OPEN | IN_ACCESS | IN_CLOSE_NOWRITE)) != 0) _ownReads.insert(WithoutSlash(folder));
+}
+
+WatchFailure FileInotify::LimitFailure(int needed) const {
+    WatchFailure failure;
+    failure.reason = WatchFailure::Reason::LimitReached;
+    failure.error = needed > 0 ? 0 : ENOSPC;
+    failure.needed = needed;
+    failure.allowed = needed > 0 ? _limit->GetPermitWatchSize() : 0;
+    failure.kernelLimit = _limit->GetKernelWatches();
+    failure.percent = _limit->GetWatchPercent();
+    return failure;
 }
 
 int FileInotify::AddWatch(const std::string& path, unsigned int mask, int& watchId, const _FileNotifyOpt& opt) {
@@ -241,6 +255,7 @@ int FileInotify::AddWatchImpl(const std::string& path, unsigned int mask, int& w
     FN_LOG(LOG_DEBUG, "filepath=%s mask=%u", path, mask);
     if (_fd < 0) {
         FN_LOG(LOG_ERROR, "No Initialize for inotify_init1");
+        _lastFailure = WatchFailure::Of(WatchFailure::Reason::Unavailable, _initError, "inotify");
         return 1;
     }
     FN_LOG(LOG_DEBUG, "_fd=%i,filepath=%s,mask=%u", _fd, path, mask);
@@ -250,6 +265,7 @@ int FileInotify::AddWatchImpl(const std::string& path, unsigned int mask, int& w
         // just gone is what a changing tree does all the time.
         const int error = errno;
         FN_LOG(IsChurn(error) ? LOG_DEBUG : LOG_ERROR, "call inotify_add_watch %s failed,error=%d", path, error);
+        _lastFailure = error == ENOSPC ? LimitFailure(0) : WatchFailure::FromErrno(error);
         errno = error;
         return 1;
     }

@@ -11,6 +11,7 @@
 
 #include "FileNotifyOpt.h"
 #include "LogRateLimit.h"
+#include "WatchFailure.h"
 
 namespace Framework {
 class Event;
@@ -120,6 +121,8 @@ public:
     bool TreeFitsLimit(const std::string& path, unsigned int mask, bool watchChildFolder, bool watchSymLink,
                        bool isFile);
     int AddWatchImpl(const std::string& path, unsigned int mask, int& wd);
+    // Why the last add that returned non-zero failed.
+    const WatchFailure& LastFailure() const { return _lastFailure; }
     // A folder gone since the walk, or one without read permission, is
     // skipped (0). placed, when given, collects the kernel watches new to
     // this instance.
@@ -206,11 +209,16 @@ private:
     // An event on a path reported as found in the last refresh: the kernel's
     // report of the same creation is dropped, once.
     bool IsFoundAlready(const std::string& path, unsigned int mask);
+    // The watch limit as a failure: needed watches for the tree, 0 when the
+    // kernel refused one (ENOSPC).
+    WatchFailure LimitFailure(int needed) const;
     // The open, read or close of a folder that a sweep read since the last
     // refresh: the module's own doing.
     bool IsOwnRead(const std::string& path, unsigned int mask) const;
 
     int _fd = -1;
+    int _initError = 0;  // errno of a failed inotify_init1
+    WatchFailure _lastFailure;
     std::unique_ptr<Framework::Event> _event;
     std::map<int, std::unique_ptr<_WatchItem>> _watchItemMap;
     // Sorted by wd. The kernel hands out ever larger descriptors, so an add

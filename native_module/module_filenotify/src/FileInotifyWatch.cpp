@@ -43,8 +43,10 @@ int FileInotifyWatch::AddWatch(int taskId, const std::string& filePath, unsigned
     _VerifyWatchResult verify;
     notifyWatchData.CheckSameFileWatch(taskId, filePath, verify);
     unsigned int kernelMask = mask;
+    lastFailure = WatchFailure();
     if (verify.verifyType == VERIFY_SAME_TASK) {
         FN_LOG(LOG_ERROR, "there are same filepath=%s had been watched", filePath);
+        lastFailure = WatchFailure::Of(WatchFailure::Reason::Duplicate);
         return 1;
     }
     if (verify.verifyType == VERIFY_SAME_FILE) {
@@ -53,6 +55,7 @@ int FileInotifyWatch::AddWatch(int taskId, const std::string& filePath, unsigned
         kernelMask |= verify.mask;
     } else if (fullFileInotify->PathInSubFolderMap(filePath)) {
         FN_LOG(LOG_DEBUG, "there are same sub filepath=%s had been watched", filePath);
+        lastFailure = WatchFailure::Of(WatchFailure::Reason::Duplicate);
         return 1;
     }
     const bool recursive = opt.watchChildFolder;
@@ -63,6 +66,7 @@ int FileInotifyWatch::AddWatch(int taskId, const std::string& filePath, unsigned
     int result = instance->AddWatch(filePath, kernelMask, newWd, opt);
     if (result != 0) {
         FN_LOG(LOG_ERROR, "call AddWatch failed,taskId=%d,filepath=%s,fd=%d", taskId, filePath, fd);
+        lastFailure = instance->LastFailure();
         return result;
     }
     result = notifyWatchData.AddWatch(new Notify_WatchItem{taskId, mask, fd, newWd, filePath, opt});

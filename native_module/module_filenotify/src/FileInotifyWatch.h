@@ -8,6 +8,7 @@
 #include "FileNotifyLimit.h"
 #include "FileNotifyOpt.h"
 #include "FileNotifyWatchData.h"
+#include "WatchFailure.h"
 
 namespace Framework {
 class Task;
@@ -52,6 +53,8 @@ public:
     // Adds taskId's watch on filePath; wd receives the watch descriptor.
     // 1 when the task watches the path already or a recursive watch covers it.
     int AddWatch(int taskId, const std::string& filePath, unsigned int mask, const _FileNotifyOpt& opt, int& wd);
+    // Why the last AddWatch that returned non-zero failed.
+    const WatchFailure& LastFailure() const { return lastFailure; }
     int RemoveWatch(int taskId, const std::string& filePath);
     int RemoveWatch(int fd, int wd);
     FileInotify* GetFileInotify(int fd);
@@ -105,6 +108,7 @@ private:
     LogRateLimit watchFailedLimit;  // the watch failure reports
     std::map<int, std::unique_ptr<_EventItem>> eventItemMap;
     Framework::Task* notifyTask = nullptr;
+    WatchFailure lastFailure;
 };
 
 }  // namespace Engine

@@ -38,7 +38,11 @@ int FileNotifyLimit::GetFileSetting(const std::string& path) {
 }
 
 void FileNotifyLimit::CalculateLimitParam(int percent, int maxUserInstances, int fileMax, int maxUserWatches) {
-    if (maxUserWatches > 0) _limitWatches = PercentOf(maxUserWatches, percent);
+    if (maxUserWatches > 0) {
+        _limitWatches = PercentOf(maxUserWatches, percent);
+        _kernelWatches = maxUserWatches;
+        _watchPercent = percent;
+    }
     if (maxUserInstances > 0) _limitInstances = PercentOf(maxUserInstances, percent);
     if (fileMax > 0) _limitFile = PercentOf(fileMax, percent);
     FN_LOG(LOG_DEBUG, "limit_watches=%d,limit_instances=%d,limit_file=%d", _limitWatches, _limitInstances, _limitFile);

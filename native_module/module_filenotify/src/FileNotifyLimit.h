@@ -37,6 +37,10 @@ public:
     int GetPermitFileSize() const { return _limitFile; }
     int GetLimitInstances() const { return _limitInstances; }
     int GetLimitWatches() const { return _limitWatches; }
+    // fs.inotify.max_user_watches as last read (0 before a readable value)
+    // and the percentage of it that the watch limit is.
+    int GetKernelWatches() const { return _kernelWatches; }
+    int GetWatchPercent() const { return _watchPercent; }
     // delta > 0 for watches added, < 0 for watches removed.
     void UpdateWatchSize(int delta) { _usedWatches += delta; }
 
@@ -53,6 +57,8 @@ private:
     int _limitFile = 1024;
     int _limitWatches = 1024;
     int _usedWatches = 0;
+    int _kernelWatches = 0;
+    int _watchPercent = 0;
     KernelFiles _files;
 };
 

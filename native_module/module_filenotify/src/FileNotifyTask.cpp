@@ -162,6 +162,7 @@ int FileNotifyTask::AddInotifyWatch(int taskId, const std::string& path, unsigne
     const int result = fileInotifyWatch.AddWatch(taskId, path, mask, opt, watchId);
     if (result != 0) {
         FN_LOG(LOG_ERROR, "fileFanotifyWatch.AddEventsWatch failed");
+        lastWatchFailure = fileInotifyWatch.LastFailure();
         return result;
     }
     if ((mask & FileNotifyMask::kCreate) != 0 && opt.simulateCreate) {
@@ -181,7 +182,10 @@ int FileNotifyTask::AddNotifyWatch(int taskId, const std::string& path, unsigned
                                    int& watchId) {
     FN_LOG(LOG_DEBUG, "AddFanotifyNotifyWatch taskId=%d;watchedObject=%s;mask=%u", taskId, path, mask);
     const int result = fileFanotifyWatch.AddNotifyWatch(taskId, path, mask, opt, watchId);
-    if (result != 0) FN_LOG(LOG_ERROR, "fileFanotifyWatch.AddNotifyWatch failed");
+    if (result != 0) {
+        FN_LOG(LOG_ERROR, "fileFanotifyWatch.AddNotifyWatch failed");
+        lastWatchFailure = fileFanotifyWatch.LastFailure();
+    }
     return result;
 }
 
@@ -189,7 +193,10 @@ int FileNotifyTask::AddPermitWatch(int taskId, const std::string& path, unsigned
                                    int& watchId) {
     FN_LOG(LOG_DEBUG, "AddFanotifyPermitWatch taskId=%d;watchedObject=%s;mask=%u", taskId, path, mask);
     const int result = fileFanotifyWatch.AddPermitWatch(taskId, path, mask, opt, watchId);
-    if (result != 0) FN_LOG(LOG_ERROR, "fileFanotifyWatch.AddPermitWatch failed");
+    if (result != 0) {
+        FN_LOG(LOG_ERROR, "fileFanotifyWatch.AddPermitWatch failed");
+        lastWatchFailure = fileFanotifyWatch.LastFailure();
+    }
     return result;
 }
 

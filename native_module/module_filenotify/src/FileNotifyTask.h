@@ -70,6 +70,7 @@ public:
                        int& watchId) override;
     int AddPermitWatch(int taskId, const std::string& path, unsigned int mask, const _FileNotifyOpt& opt,
                        int& watchId) override;
+    const WatchFailure& LastWatchFailure() const override { return lastWatchFailure; }
     int RemoveInotifyWatch(int taskId, const std::string& path) override;
     Notify_WatchItem* GetNotifyWatch(int taskId, const std::string& path) override;
     int RemoveNotifyWatch(Notify_WatchItem* item) override;
@@ -126,6 +127,7 @@ private:
     int passCount = 0;
     std::chrono::steady_clock::time_point nextPermitCheck{};
     int eventBufferSize = kEventReadBufferSize;
+    WatchFailure lastWatchFailure;
 };
 
 }  // namespace Engine
