@@ -32,11 +32,12 @@ inline Engine::_FileNotifyOpt InotifyOptions(unsigned int mask, bool recursive) 
     return opt;
 }
 
-// The kernel's inotify watches of this process, from /proc/self/fdinfo:
-// what is really placed, whatever the bookkeeping says.
-inline int KernelInotifyWatches() {
+// The kernel's inotify watches of a process (this one by default), from its
+// fdinfo: what is really placed, whatever the bookkeeping says.
+inline int KernelInotifyWatches(const std::filesystem::path& process = "/proc/self") {
     int count = 0;
-    for (const auto& entry : std::filesystem::directory_iterator("/proc/self/fdinfo")) {
+    std::error_code gone;  // another process may end meanwhile
+    for (const auto& entry : std::filesystem::directory_iterator(process / "fdinfo", gone)) {
         std::ifstream info(entry.path());
         std::string line;
         while (std::getline(info, line))
