@@ -158,24 +158,23 @@ TEST_F(ModuleEndToEnd, ConsumersGetOnlyTheEventsTheyAskedFor) {
     }
 }
 
+// A path that does not exist yet is watched once it appears; one whose
+// request was removed while pending is not, though it appears as well.
 TEST_F(ModuleEndToEnd, PendingPathsAreWatchedOnceTheyAppear) {
     const std::string root = dir / "later";
     std::string reply;
     EXPECT_EQ(1, Watch(*a, root, {IN_CREATE}, Options(), &reply));
     EXPECT_EQ("-1", reply);
-    TestUtil::MakeDir(root);
-    ASSERT_TRUE(PingUntil([&] { return a->Count() == 1; }));
-    EXPECT_EQ(root + " 0x40000100", a->Summary()[0]);
-
-    TestUtil::Touch(root + "/x");
-    ASSERT_TRUE(a->WaitFor(2));
-    EXPECT_EQ(root + "/x 0x100", a->Summary()[1]);
-
-    // A remove request for a path that is only pending drops the record.
     EXPECT_EQ(1, Watch(*a, dir / "never", {IN_CREATE}, Options(), &reply));
     EXPECT_EQ(0, Send(*a, new Engine::FileNotifyWatchMessage(a.get(), dir / "never", false), reply));
-    EXPECT_TRUE(log.Has(Engine::LOG_DEBUG, "RemovePendingWatch taskId=" + std::to_string(a->GetTaskId()) +
-                                               ";watchedObject=" + dir / "never"));
+    TestUtil::MakeDir(dir / "never");
+    TestUtil::MakeDir(root);
+    ASSERT_TRUE(PingUntil([&] { return a->Count() >= 1; }));  // one pass of the timer watches both
+
+    TestUtil::Touch(dir / "never/x");
+    TestUtil::Touch(root + "/x");
+    ASSERT_TRUE(a->WaitForPath(root + "/x"));
+    EXPECT_EQ((std::vector<std::string>{root + " 0x40000100", root + "/x 0x100"}), a->Summary());
 }
 
 TEST_F(ModuleEndToEnd, BadRequestsAreRefusedPlainly) {
