@@ -54,7 +54,6 @@ struct InotifyRecord {
     std::string path;
     unsigned int mask;
     int removedWd;
-    std::uint32_t cookie;
 };
 
 struct InotifyCollector {
@@ -62,8 +61,7 @@ struct InotifyCollector {
 
     static int Callback(const Engine::InotifyCallBackParm& p, void* data) {
         auto* self = static_cast<InotifyCollector*>(data);
-        self->records.push_back(
-            {p.type, p.fd, p.rootWd, p.filePath, p.mask, p.removedWd, p.event != nullptr ? p.event->cookie : 0U});
+        self->records.push_back({p.type, p.fd, p.rootWd, p.filePath, p.mask, p.removedWd});
         return 0;
     }
     // The type 0 records with this path.
