@@ -373,6 +373,14 @@ TEST(FilenotifyCli, BadInputExitsWithItsCodeAndOneLine) {
         EXPECT_EQ(3, refused.Exit()) << args[0];
         EXPECT_NE(std::string::npos, refused.Stderr().find("needs CAP_SYS_ADMIN")) << refused.Stderr();
     }
+    // A plain watch needs inotify only: it works without the capability.
+    TestUtil::TempDir dir;
+    Cli plain({"watch", "-c", "1", "-e", "create", "--no-initial-create", dir.path()}, true);
+    ASSERT_TRUE(plain.WaitStderr("watching 1 path")) << plain.Stderr();
+    TestUtil::Touch(dir / "x");
+    EXPECT_EQ(0, plain.Exit());
+    ASSERT_EQ(1u, plain.outLines.size()) << plain.Stderr();
+    EXPECT_EQ("CREATE " + dir / "x", plain.outLines[0].substr(24));
 }
 
 // Paths that no creation could make watchable are refused with the reason,

@@ -1,7 +1,5 @@
 #include <fcntl.h>
-#include <linux/capability.h>
 #include <sys/fanotify.h>
-#include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -436,28 +434,6 @@ TEST_F(FanotifyTaskTest, NotifyEventsCarryTheActingProcess) {
         EXPECT_EQ(wd, e.watchId);
     }
     task->UnInit();
-}
-
-// Drops CAP_SYS_ADMIN, builds the task and watches folder with inotify. The
-// exit code: 0 when that worked and fanotify is off, else a failure step.
-int RunWithoutCapSysAdmin(const std::string& folder) {
-    __user_cap_header_struct header{_LINUX_CAPABILITY_VERSION_3, 0};
-    __user_cap_data_struct data[2]{};
-    if (::syscall(SYS_capget, &header, data) != 0) return 2;
-    data[CAP_SYS_ADMIN / 32].effective &= ~(1U << (CAP_SYS_ADMIN % 32));
-    if (::syscall(SYS_capset, &header, data) != 0) return 3;
-    Poco::AutoPtr<Engine::FileNotifyTask> task(new Engine::FileNotifyTask());
-    if (task->GetFanotifyWatch().IsAvailable()) return 4;
-    int wd = 0;
-    return task->AddInotifyWatch(1, folder, IN_CREATE, Options(IN_CREATE, false), wd) == 0 ? 0 : 5;
-}
-
-// Without CAP_SYS_ADMIN the module runs on inotify alone and says why.
-TEST(FanotifyUnavailable, InotifyWorksAlone) {
-    REQUIRE_FANOTIFY();
-    GTEST_FLAG_SET(death_test_style, "threadsafe");
-    TestUtil::TempDir dir;
-    EXPECT_EXIT(::_exit(RunWithoutCapSysAdmin(dir.path())), ::testing::ExitedWithCode(0), "lacks CAP_SYS_ADMIN");
 }
 
 }  // namespace
