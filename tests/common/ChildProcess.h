@@ -67,6 +67,13 @@ private:
     int _result = -1;
 };
 
+// The errno of an open of path by a child (0: allowed); -1 when the open is
+// not answered within 5 s.
+inline int OpenFromChild(const std::string& path) {
+    OpeningChild child(path);
+    return child.Wait(std::chrono::milliseconds(5000)) ? child.result() : -1;
+}
+
 // Why this process cannot open a fanotify permission group (it needs
 // CAP_SYS_ADMIN), or empty when it can: tests skip with this reason.
 inline std::string FanotifyMissing() {

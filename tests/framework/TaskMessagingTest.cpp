@@ -20,25 +20,6 @@ using Framework::TaskRunner;
 using std::chrono::milliseconds;
 using std::chrono::steady_clock;
 
-TEST(TaskQueue, FullQueueRefusesFreesAndCounts) {
-    Probe probe;
-    auto task = MakeServeTask("queue_full", 4);
-    for (int i = 0; i < 4; ++i)
-        EXPECT_EQ(Framework::MSG_OK, task->EnqueueMsg(new ProbeMessage(probe)));
-    EXPECT_EQ(Framework::MSG_ERR_QUEUE_FULL, task->EnqueueMsg(new ProbeMessage(probe)));
-    EXPECT_EQ(Framework::MSG_ERR_QUEUE_FULL, task->EnqueueMsg(new ProbeMessage(probe)));
-    EXPECT_EQ(Framework::MSG_ERR_NULL, task->EnqueueMsg(nullptr));
-    EXPECT_EQ(2, probe.destroyed.load());
-    EXPECT_EQ(2u, task->GetDroppedMsgCount());
-
-    // Draining makes room again; the rest of the queue is handled in order of arrival.
-    EXPECT_EQ(3, task->BulkConsumeMsg(3));
-    EXPECT_EQ(Framework::MSG_OK, task->EnqueueMsg(new ProbeMessage(probe)));
-    EXPECT_EQ(2, task->BulkConsumeMsg(128));
-    EXPECT_EQ(5, probe.handled.load());
-    EXPECT_EQ(7, probe.destroyed.load());
-}
-
 TEST(TaskQueue, ManyProducersEveryMessageHandledOnce) {
     Probe probe;
     auto task = MakeServeTask("many_producers", 1 << 16);
@@ -87,13 +68,11 @@ TEST(TaskSend, DeliversToRegisteredConsumerOnly) {
     EXPECT_EQ(Framework::MSG_ERR_UNKNOWN_TASK, sender->SendMsg(consumer->GetTaskId(), "f", new ProbeMessage(probe)));
     EXPECT_EQ(1, probe.destroyed.load());
 
-    EXPECT_EQ(1, sender->AddConsumer(consumer->GetTaskId(), "f", nullptr));
     ASSERT_EQ(0, sender->AddConsumer(consumer->GetTaskId(), "f", consumer.get()));
     EXPECT_EQ(0, sender->AddConsumer(consumer->GetTaskId(), "f", consumer.get()));  // again: same receiver
     EXPECT_EQ(0, sender->SendMsg(consumer->GetTaskId(), "f", new ProbeMessage(probe)));
     EXPECT_EQ(Framework::MSG_ERR_UNKNOWN_TASK,
               sender->SendMsg(consumer->GetTaskId(), "other_type", new ProbeMessage(probe)));
-    EXPECT_EQ(Framework::MSG_ERR_NULL, sender->SendMsg(consumer->GetTaskId(), "f", nullptr));
     EXPECT_EQ(1u, consumer->GetQueuedMsgCount());
     EXPECT_EQ(1, consumer->BulkConsumeMsg(128));
     EXPECT_EQ(1, probe.handled.load());
@@ -126,18 +105,6 @@ protected:
     Probe probe;
     Poco::AutoPtr<ServeTask> sender, consumer;
 };
-
-TEST_F(SyncSend, ReturnsHandlerResultAndReply) {
-    TaskRunner runner(consumer.get());
-    ASSERT_EQ(0, runner.Start());
-    std::string reply = "stale";
-    EXPECT_EQ(2, sender->SyncSendMsg(consumer->GetTaskId(), "f", new ProbeMessage(probe, 2, "42"), reply, 5000, 2));
-    EXPECT_EQ("42", reply);
-    EXPECT_EQ(7, sender->SyncSendMsg(consumer->GetTaskId(), "f", new ProbeMessage(probe, 7, ""), reply, 5000, 1));
-    EXPECT_EQ("", reply);
-    // The sender is released before the handling thread frees the message.
-    EXPECT_TRUE(TestUtil::WaitUntil([&] { return probe.destroyed.load() == 2; }));
-}
 
 TEST_F(SyncSend, TimesOutWithinBoundAndLateHandlingIsSafe) {
     // Nobody drains the consumer's queue during the send.
@@ -214,10 +181,12 @@ TEST(TaskQueue, DropWarningsAreRateLimitedAndExactAtStop) {
     for (int i = 0; i < 2000; ++i)
         task->EnqueueMsg(new ProbeMessage(probe));
     EXPECT_EQ(2000u, task->GetDroppedMsgCount());
+    EXPECT_EQ(2000, probe.destroyed.load());                             // refused messages are freed at once
     EXPECT_LE(log.Count(Poco::Message::PRIO_WARNING), 3) << log.Dump();  // one a second at most
     {
         TaskRunner runner(task.get());  // the end of the burst is reported when the task stops
         ASSERT_EQ(0, runner.Start());
+        EXPECT_TRUE(TestUtil::WaitUntil([&] { return probe.handled.load() == 1; }));
     }
     unsigned long long sum = 0, recent = 0, total = 0;
     for (const std::string& text : log.Texts(Poco::Message::PRIO_WARNING)) {

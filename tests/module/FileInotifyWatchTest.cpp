@@ -74,8 +74,7 @@ protected:
         Touch(sentinel);
         ASSERT_TRUE(TestUtil::WaitUntil([&] {
             Pump();
-            const auto events = a->Events();
-            return std::any_of(events.begin(), events.end(), [&](const auto& e) { return e.path == sentinel; });
+            return a->WaitForEvent([&](const auto& e) { return e.path == sentinel; }, std::chrono::milliseconds(0));
         })) << sentinel;
     }
     int settled = 0;
@@ -167,16 +166,9 @@ TEST_F(InotifyWatchTest, RefusedRequests) {
     EXPECT_EQ(used, UsedWatches());
 
     EXPECT_EQ(1, task->RemoveInotifyWatch(b->GetTaskId(), d));
-    EXPECT_TRUE(log.Has(LOG_ERROR, "No found watch,taskId=" + std::to_string(b->GetTaskId()) + ",filepath=" + d));
-    alignas(struct inotify_event) char buffer[256];
-    EXPECT_EQ(1, task->GetInotifyWatch().ReadEvents(-5, buffer, sizeof buffer));
-    EXPECT_TRUE(log.Has(LOG_ERROR, "fileInotify == NULL"));
-
     EXPECT_EQ(0, task->RemoveInotifyWatch(a->GetTaskId(), d));
     EXPECT_EQ(0, UsedWatches());
-    Touch(d + "sub/x");
-    Pump();
-    EXPECT_EQ(0u, a->Count());
+    EXPECT_EQ(0, TestUtil::KernelInotifyWatches());  // the subfolder's too
 }
 
 TEST_F(InotifyWatchTest, VanishedRootTurnsPendingAndComesBack) {
@@ -352,9 +344,8 @@ TEST_F(MountTest, UnmountsAreToldAndWhatComesIntoViewIsWatched) {
         ASSERT_EQ(0, ::umount2(point.c_str(), 0)) << std::strerror(errno);
     Touch(inTree + "/under");
     Settle(dir.path());
-    auto summary = a->Summary();
     for (const std::string& expected : {inTree + "/inside/x 0x100", inTree + " 0x40002000", inTree + "/under 0x100"})
-        EXPECT_NE(std::find(summary.begin(), summary.end(), expected), summary.end()) << expected;
+        EXPECT_TRUE(a->HasLine(expected)) << expected;
     // The root was the mount: told, and watched again at once, underneath.
     ASSERT_TRUE(b->WaitFor(1));
     EXPECT_EQ(root + " 0x40002000", b->Summary().front());
@@ -371,8 +362,7 @@ TEST_F(MountTest, UnmountsAreToldAndWhatComesIntoViewIsWatched) {
     Touch(inTree + "/inside/y");
     Touch(root + "/z");
     Settle(dir.path());
-    summary = a->Summary();
-    EXPECT_NE(std::find(summary.begin(), summary.end(), inTree + "/inside/y 0x100"), summary.end());
+    EXPECT_TRUE(a->HasLine(inTree + "/inside/y 0x100"));
     ASSERT_TRUE(b->WaitFor(3));
     EXPECT_EQ(root + "/z 0x100", b->Summary().back());
 }

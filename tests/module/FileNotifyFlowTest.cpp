@@ -85,11 +85,8 @@ protected:
         if (folder) TestUtil::MakeDir(dir / "lost");
     }
     bool WaitForOverflow(RecordingConsumer& consumer, int notifyType) {
-        return TestUtil::WaitUntil([&] {
-            for (const auto& e : consumer.Events())
-                if (e.mask == kOverflow && e.lost == 0 && e.notifyType == notifyType) return true;
-            return false;
-        });
+        return consumer.WaitForEvent(
+            [&](const auto& e) { return e.mask == kOverflow && e.lost == 0 && e.notifyType == notifyType; });
     }
     static std::vector<std::string> Names(RecordingConsumer& consumer, const std::string& folder) {
         std::vector<std::string> names;
@@ -171,11 +168,8 @@ TEST_F(FlowTest, KernelOverflowReachesTheConsumerAndTheTreeIsWalkedAgain) {
     EXPECT_TRUE(log.Has(Engine::LOG_ERROR, "IN_Q_OVERFLOW inotify queue overflow"));
     // The folder made in the lost window is watched now.
     TestUtil::Touch(dir / "lost/after");
-    EXPECT_TRUE(TestUtil::WaitUntil([&] {
-        for (const auto& e : a->Events())
-            if (e.path == dir / "lost/after" && e.mask == IN_CREATE) return true;
-        return false;
-    })) << ::testing::PrintToString(Names(*a, dir.path()));
+    EXPECT_TRUE(a->WaitForEvent([&](const auto& e) { return e.path == dir / "lost/after" && e.mask == IN_CREATE; }))
+        << ::testing::PrintToString(Names(*a, dir.path()));
 }
 
 TEST_F(FlowTest, FanotifyOverflowReachesTheConsumer) {

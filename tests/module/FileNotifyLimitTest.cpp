@@ -41,12 +41,7 @@ TEST_F(FileNotifyLimitTest, InitLimitTable) {
     } cases[] = {
         {"  128 max", "100000\n", "8192 ", 0, 38, 30000, 2457},  // not configured: 30 %
         {"128", "100000", "8192", 50, 64, 50000, 4096},
-        {"128", "100000", "8192", -5, 38, 30000, 2457},
         {"", "x", "0", 50, 10, 1024, 1024},  // unreadable values keep the defaults
-        // file-max narrowed to an int is -1 and ignored; 30 * 100000000 wraps
-        // in 32 bits to -1294967296, then is divided toward zero.
-        {"128", "9223372036854775807", "8192", 0, 38, 1024, 2457},
-        {"128", "100000000", "8192", 0, 38, -12949672, 2457},
     };
     for (const auto& c : cases) {
         SCOPED_TRACE(std::string(c.fileMax) + ", " + std::to_string(c.percent) + " %");
@@ -65,10 +60,7 @@ TEST_F(FileNotifyLimitTest, AutoScaleTable) {
     ASSERT_EQ(0, ::mkdir((_install / "conf").c_str(), 0755));
     SDK::PathUtils::SetInstallationPath(_install.path());
     const std::string conf = _install / "conf/resource.conf";
-    const std::pair<const char*, int> cases[] = {
-        {"inotify = 50\n", 4096}, {"inotify = 0\n", 2457}, {"inotify = -10\n", 2457},
-        {"cpu = 20\n", 2457},     {nullptr, 2457},  // no file
-    };
+    const std::pair<const char*, int> cases[] = {{"inotify = 50\n", 4096}, {"inotify = -10\n", 2457}, {nullptr, 2457}};
     for (const auto& c : cases) {
         ::unlink(conf.c_str());
         if (c.first != nullptr) std::ofstream(conf) << c.first;

@@ -1,4 +1,3 @@
-#include <set>
 #include <string>
 
 #include <gtest/gtest.h>
@@ -7,7 +6,6 @@
 #include "InotifyTestUtil.h"
 #include "TestUtil.h"
 
-using Engine::_VerifyWatchResult;
 using Engine::FileNotifyWatchData;
 using Engine::Notify_WatchItem;
 
@@ -39,36 +37,6 @@ TEST(FileNotifyWatchData, EventPathMatching) {
             << c.event << " in " << c.watch << (c.recursive ? " (recursive)" : "");
 }
 
-TEST(FileNotifyWatchData, SharedKernelWatchKeepsEachTasksRecord) {
-    TestUtil::TempDir dir;
-    FileNotifyWatchData data;
-    EXPECT_EQ(1, data.AddWatch(nullptr));
-    ASSERT_EQ(0, data.AddWatch(Item(1, 0x2, 3, 1, dir.path())));
-    ASSERT_EQ(0, data.AddWatch(Item(2, 0x100, 3, 1, dir.path())));
-    ASSERT_EQ(0, data.AddWatch(Item(2, 0x200, 3, 1, dir.path())));  // a second record of task 2
-    EXPECT_EQ(3u, Records(data, 3, 1));
-
-    _VerifyWatchResult other;
-    data.CheckSameFileWatch(9, dir.path(), other);
-    EXPECT_EQ(Engine::VERIFY_SAME_FILE, other.verifyType);
-    EXPECT_EQ(0x302u, other.mask);
-    EXPECT_EQ(1, other.wd);
-    _VerifyWatchResult same;
-    data.CheckSameFileWatch(2, dir.path(), same);
-    EXPECT_EQ(Engine::VERIFY_SAME_TASK, same.verifyType);
-    EXPECT_EQ(0u, same.mask);
-
-    ASSERT_NE(nullptr, data.GetModuleFileWatch(1, dir.path()));
-    EXPECT_EQ(nullptr, data.GetModuleFileWatch(9, dir.path()));
-    data.RemoveWatch(2, 3, 1);  // only the first record of task 2
-    EXPECT_EQ(2u, Records(data, 3, 1));
-    EXPECT_EQ(0x200u, data.GetModuleFileWatch(2, dir.path())->mask);
-    data.RemoveWatchAllItem(3, 1);
-    EXPECT_EQ(0u, Records(data, 3, 1));
-    EXPECT_TRUE(data.GetFolderWatchMap().empty());
-    EXPECT_EQ(0, data.RemoveWatch(1, 3, 1));  // unknown keys are no error
-}
-
 TEST(FileNotifyWatchData, PathMapsKeepTheFirstWatchAndSortByWhatThePathWas) {
     TestUtil::TempDir dir;
     TestUtil::Touch(dir / "file");
@@ -89,35 +57,6 @@ TEST(FileNotifyWatchData, PathMapsKeepTheFirstWatchAndSortByWhatThePathWas) {
     data.RemoveWatch(2, 4, 7);
     EXPECT_EQ(0u, data.GetFileWatchMap().count(dir / "file"));
     EXPECT_EQ(1u, Records(data, 3, 1));
-}
-
-TEST(FileNotifyWatchData, EventWdAndRelatedFolders) {
-    TestUtil::TempDir dir;
-    TestUtil::MakeDir(dir / "b");
-    TestUtil::Touch(dir / "f");
-    FileNotifyWatchData data;
-    data.AddWatch(Item(1, 0x2, 3, 1, dir.path()));
-    data.AddWatch(Item(1, 0x2, 3, 2, dir / "b/"));
-    data.AddWatch(Item(1, 0x2, 3, 3, dir / "f"));
-    data.AddWatch(Item(1, 0x2, 3, 4, "/"));
-
-    int wd = 0;
-    EXPECT_EQ(1, data.GetEventWd(3, dir / "b/c/d", wd, data.GetFolderWatchMap()));  // no grandchildren
-    EXPECT_EQ(1, data.GetEventWd(4, dir / "b/c", wd, data.GetFolderWatchMap()));    // another instance
-    std::set<int> wds;
-    data.GetEventWdSet(3, dir / "f", wds);
-    EXPECT_EQ((std::set<int>{1, 3}), wds);
-    wds.clear();
-    data.GetEventWdSetForMount(3, dir / "b/c/d", wds);
-    EXPECT_EQ((std::set<int>{1, 2, 4}), wds);
-
-    _VerifyWatchResult file;
-    data.CheckRelativeFileWatch(dir / "f", file);
-    EXPECT_EQ(Engine::VERIFY_NO_WATCH, file.verifyType);
-    _VerifyWatchResult folder;
-    data.CheckRelativeFileWatch(dir.path(), folder);
-    EXPECT_EQ(Engine::VERIFY_RELATIVE, folder.verifyType);
-    EXPECT_EQ(3u, folder.relativeFdList.size());  // "/" above, itself, b/ below
 }
 
 }  // namespace

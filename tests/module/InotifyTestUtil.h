@@ -32,11 +32,12 @@ inline Engine::_FileNotifyOpt InotifyOptions(unsigned int mask, bool recursive) 
     return opt;
 }
 
-// The kernel's inotify watches of this process, from /proc/self/fdinfo:
-// what is really placed, whatever the bookkeeping says.
-inline int KernelInotifyWatches() {
+// The kernel's inotify watches of a process (this one by default), from its
+// fdinfo: what is really placed, whatever the bookkeeping says.
+inline int KernelInotifyWatches(const std::filesystem::path& process = "/proc/self") {
     int count = 0;
-    for (const auto& entry : std::filesystem::directory_iterator("/proc/self/fdinfo")) {
+    std::error_code gone;  // another process may end meanwhile
+    for (const auto& entry : std::filesystem::directory_iterator(process / "fdinfo", gone)) {
         std::ifstream info(entry.path());
         std::string line;
         while (std::getline(info, line))
@@ -53,7 +54,6 @@ struct InotifyRecord {
     std::string path;
     unsigned int mask;
     int removedWd;
-    std::uint32_t cookie;
 };
 
 struct InotifyCollector {
@@ -61,8 +61,7 @@ struct InotifyCollector {
 
     static int Callback(const Engine::InotifyCallBackParm& p, void* data) {
         auto* self = static_cast<InotifyCollector*>(data);
-        self->records.push_back(
-            {p.type, p.fd, p.rootWd, p.filePath, p.mask, p.removedWd, p.event != nullptr ? p.event->cookie : 0U});
+        self->records.push_back({p.type, p.fd, p.rootWd, p.filePath, p.mask, p.removedWd});
         return 0;
     }
     // The type 0 records with this path.

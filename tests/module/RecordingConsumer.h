@@ -1,6 +1,8 @@
 #pragma once
 
+#include <algorithm>
 #include <atomic>
+#include <chrono>
 #include <functional>
 #include <mutex>
 #include <string>
@@ -63,6 +65,24 @@ public:
     // Waits until n events have arrived; false after the time-out.
     bool WaitFor(std::size_t n) {
         return WaitUntil([&] { return Count() >= n; });
+    }
+    // Waits until an event for which test holds has arrived; false after the time-out.
+    bool WaitForEvent(const std::function<bool(const Event&)>& test,
+                      std::chrono::milliseconds timeout = std::chrono::milliseconds(5000)) {
+        return WaitUntil(
+            [&] {
+                const auto all = Events();
+                return std::any_of(all.begin(), all.end(), test);
+            },
+            timeout);
+    }
+    bool WaitForPath(const std::string& path) {
+        return WaitForEvent([&](const Event& e) { return e.path == path; });
+    }
+    // Whether a line of Summary() is this one.
+    bool HasLine(const std::string& line) {
+        const auto all = Summary();
+        return std::find(all.begin(), all.end(), line) != all.end();
     }
     // "path mask" of every event, for readable comparisons.
     std::vector<std::string> Summary() {

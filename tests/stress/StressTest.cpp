@@ -109,13 +109,8 @@ TEST_F(StressTest, TenConsumersOnOneTreeEachGetExactlyTheirEvents) {
                                                  {IN_CLOSE_WRITE, 1}, {IN_MOVE, 1}, {IN_DELETE, 1}};
     for (std::size_t i = 0; i < masks.size(); ++i) {
         RecordingConsumer& consumer = *consumers[i];
-        ASSERT_TRUE(TestUtil::WaitUntil(
-            [&] {
-                const auto events = consumer.Events();
-                return std::any_of(events.begin(), events.end(),
-                                   [&](const auto& e) { return e.path.find("sentinel") != std::string::npos; });
-            },
-            std::chrono::milliseconds(30000)))
+        ASSERT_TRUE(consumer.WaitForEvent([](const auto& e) { return e.path.find("sentinel") != std::string::npos; },
+                                          std::chrono::milliseconds(30000)))
             << "consumer " << i;
         int expected = 0;
         for (const auto& [bits, count] : perFile)
@@ -169,12 +164,6 @@ std::string WatchTree(Framework::Task& consumer, const std::string& tree) {
         new Engine::FileNotifyWatchMessage(&consumer, tree, {IN_CREATE}, TestUtil::InotifyOptions(IN_CREATE, true)),
         reply, 5000, 1);
     return reply;
-}
-
-// The errno of an open of path by a child (0: allowed); -1 when unanswered.
-int OpeningChildResult(const std::string& path) {
-    OpeningChild child(path);
-    return child.Wait(std::chrono::milliseconds(5000)) ? child.result() : -1;
 }
 
 long long MonotonicNs() {
@@ -265,12 +254,11 @@ TEST_F(StressTest, ARootMadeAgainAHundredTimesLeavesNothingBehind) {
     int id = 0;
     ASSERT_EQ(0, task->AddInotifyWatch(consumer.GetTaskId(), root, mask, opt, id));
     ASSERT_EQ(0, taskRunner.Start());
-    const auto seen = [&](unsigned int bits) {
-        const auto events = consumer.Events();
-        return std::any_of(events.begin(), events.end(),
-                           [&](const auto& e) { return e.path == rootName && e.mask == (bits | IN_ISDIR); });
+    const auto seen = [&](unsigned int bits, std::chrono::milliseconds timeout = std::chrono::milliseconds(5000)) {
+        return consumer.WaitForEvent([&](const auto& e) { return e.path == rootName && e.mask == (bits | IN_ISDIR); },
+                                     timeout);
     };
-    ASSERT_TRUE(TestUtil::WaitUntil([&] { return seen(IN_CREATE); }));
+    ASSERT_TRUE(seen(IN_CREATE));
     const long descriptors = TestUtil::CountEntries("/proc/self/fd");
     const long threads = TestUtil::CountEntries("/proc/self/task");
     {
@@ -281,18 +269,14 @@ TEST_F(StressTest, ARootMadeAgainAHundredTimesLeavesNothingBehind) {
             const std::string gone = dir / ("gone" + std::to_string(round));
             TestUtil::Rename(root, gone);
             std::filesystem::remove_all(gone);
-            ASSERT_TRUE(TestUtil::WaitUntil([&] { return seen(IN_MOVE_SELF); })) << "round " << round;
+            ASSERT_TRUE(seen(IN_MOVE_SELF)) << "round " << round;
             TestUtil::MakeDir(root);
-            ASSERT_TRUE(TestUtil::WaitUntil([&] { return seen(IN_CREATE); }, std::chrono::milliseconds(3000)))
-                << "round " << round;
+            ASSERT_TRUE(seen(IN_CREATE, std::chrono::milliseconds(3000))) << "round " << round;
         }
     }
     // Every event of the churn read: a file made now arrives after them.
     TestUtil::Touch(root + "settled");
-    ASSERT_TRUE(TestUtil::WaitUntil([&] {
-        const auto events = consumer.Events();
-        return std::any_of(events.begin(), events.end(), [&](const auto& e) { return e.path == root + "settled"; });
-    }));
+    ASSERT_TRUE(consumer.WaitForPath(root + "settled"));
     EXPECT_EQ(TestUtil::CountFolders(root), TestUtil::KernelInotifyWatches());
     EXPECT_EQ(descriptors, TestUtil::CountEntries("/proc/self/fd"));
     EXPECT_EQ(threads, TestUtil::CountEntries("/proc/self/task"));
@@ -325,18 +309,11 @@ TEST_F(StressTest, AKernelQueueOverflowIsToldAndLaterEventsFlow) {
         for (int i = 0; i < queued + 1000; ++i)
             TestUtil::Touch(dir / ("f" + std::to_string(i)));
     }
-    ASSERT_TRUE(TestUtil::WaitUntil(
-        [&] {
-            const auto events = consumer.Events();
-            return std::any_of(events.begin(), events.end(),
-                               [](const auto& e) { return (e.mask & Engine::FileNotifyMessage::kOverflowMask) != 0; });
-        },
-        std::chrono::milliseconds(30000)));
+    ASSERT_TRUE(
+        consumer.WaitForEvent([](const auto& e) { return (e.mask & Engine::FileNotifyMessage::kOverflowMask) != 0; },
+                              std::chrono::milliseconds(30000)));
     TestUtil::Touch(dir / "after");
-    ASSERT_TRUE(TestUtil::WaitUntil([&] {
-        const auto events = consumer.Events();
-        return std::any_of(events.begin(), events.end(), [&](const auto& e) { return e.path == dir / "after"; });
-    }));
+    ASSERT_TRUE(consumer.WaitForPath(dir / "after"));
     // The events themselves are a few MiB; the module keeps no backlog of its own.
     EXPECT_LT(ResidentKiB() - before, 64L * 1024);
 }
@@ -392,7 +369,7 @@ TEST_F(StressTest, OutOfDescriptorsEveryAccessIsAnsweredAndAllRecovers) {
         const std::string said = "opendir " + tree + " failed, errno=" + std::to_string(EMFILE);
         EXPECT_TRUE(log.Has(Engine::LOG_DEBUG, said)) << log.Dump();
     }
-    EXPECT_EQ(0, OpeningChildResult(guarded + "a.ok"));
+    EXPECT_EQ(0, TestUtil::OpenFromChild(guarded + "a.ok"));
     EXPECT_NE("-1", WatchTree(*judge, tree)) << log.Dump();
 }
 
@@ -400,15 +377,10 @@ TEST_F(StressTest, OutOfDescriptorsEveryAccessIsAnsweredAndAllRecovers) {
 // must stay above what the others (the parallel tests) hold.
 int AllInotifyWatches() {
     int count = 0;
-    for (const auto& process : std::filesystem::directory_iterator("/proc")) {
-        std::error_code error;
-        for (const auto& entry : std::filesystem::directory_iterator(process.path() / "fdinfo", error)) {
-            std::ifstream info(entry.path());
-            std::string line;
-            while (std::getline(info, line))
-                count += line.rfind("inotify wd:", 0) == 0 ? 1 : 0;
-        }
-    }
+    for (const auto& process : std::filesystem::directory_iterator("/proc"))
+        count += process.path().filename().string().find_first_not_of("0123456789") == std::string::npos
+                     ? TestUtil::KernelInotifyWatches(process.path())
+                     : 0;
     return count;
 }
 
@@ -432,12 +404,7 @@ int GrowPastTheLimit(const std::string& root, int folders) {
         if (::mkdir((root + "grown" + std::to_string(i)).c_str(), 0755) != 0) return 14;
     }
     const auto has = [&](const std::function<bool(const RecordingConsumer::Event&)>& test) {
-        return TestUtil::WaitUntil(
-            [&] {
-                const auto events = consumer->Events();
-                return std::any_of(events.begin(), events.end(), test);
-            },
-            std::chrono::milliseconds(30000));
+        return consumer->WaitForEvent(test, std::chrono::milliseconds(30000));
     };
     if (!has([](const auto& e) { return (e.mask & Engine::FileNotifyMessage::kWatchFailedMask) != 0; })) return 15;
     const std::string late = root + "old/late";
