@@ -18,7 +18,7 @@ failed=0
 # Waits (bounded) until file holds a line matching pattern.
 await() {
     for _ in $(seq 1 600); do
-        grep -q -- "$2" "$1" && return 0
+        grep -qs -- "$2" "$1" && return 0  # the file may not exist yet
         sleep 0.1
     done
     echo "memcheck: no \"$2\" in $1"
