@@ -9,8 +9,6 @@
 #include <algorithm>
 #include <array>
 #include <chrono>
-#include <cstdlib>
-#include <ctime>
 #include <filesystem>
 #include <fstream>
 #include <functional>
@@ -40,6 +38,20 @@ using TestUtil::RecordingConsumer;
 
 namespace {
 
+// Denies the files whose names end in ".key"; allows everything else.
+class KeyJudge : public Engine::MixedTask {
+public:
+    KeyJudge() : Engine::MixedTask("key_judge", "test", Framework::TaskCondition::TASK_TYPE_EVENT, 1 << 14) {}
+    int Run() override { return ServeMessages(3000); }
+    int FileNotifyMessageAction(Engine::FileNotifyMessage* msg) override {
+        const std::string path = msg->GetEventFilePath();
+        return path.size() > 4 && path.compare(path.size() - 4, 4, ".key") == 0 ? 2 : 0;
+    }
+
+protected:
+    ~KeyJudge() override = default;
+};
+
 // The module task with its consumers, all running on their own threads. A
 // test places its watches on the test thread before it starts the module.
 class StressTest : public ::testing::Test {
@@ -52,12 +64,27 @@ protected:
         EXPECT_EQ(0, task->AddFileNotifyMsgConsumer(consumers.back()->GetTaskId(), consumers.back().get()));
         return *consumers.back();
     }
+    // A running judge of the module's permission events, guarding folder.
+    KeyJudge& Guard(const std::string& folder) {
+        judge = new KeyJudge();
+        judgeRunner = std::make_unique<Framework::TaskRunner>(judge.get());
+        EXPECT_EQ(0, judgeRunner->Start());
+        EXPECT_EQ(0, task->AddFileNotifyMsgConsumer(judge->GetTaskId(), judge.get()));
+        Engine::_FileNotifyOpt opt;
+        opt.watchChildFolder = true;
+        opt.permit = true;
+        int wd = 0;
+        EXPECT_EQ(0, task->AddPermitWatch(judge->GetTaskId(), folder, FAN_OPEN_PERM, opt, wd));
+        return *judge;
+    }
 
     TestUtil::TempDir dir;
     Poco::AutoPtr<Engine::FileNotifyTask> task{new Engine::FileNotifyTask()};
     std::vector<Poco::AutoPtr<RecordingConsumer>> consumers;
     std::vector<std::unique_ptr<Framework::TaskRunner>> runners;  // stop before the consumers go
-    Framework::TaskRunner taskRunner{task.get()};                 // declared last: stops first
+    Poco::AutoPtr<KeyJudge> judge;
+    std::unique_ptr<Framework::TaskRunner> judgeRunner;
+    Framework::TaskRunner taskRunner{task.get()};  // declared last: stops first
 };
 
 // Ten consumers with their own masks on one tree while files are made,
@@ -90,10 +117,7 @@ TEST_F(StressTest, TenConsumersOnOneTreeEachGetExactlyTheirEvents) {
     for (int n = 0; n < kFiles; ++n) {
         for (int f = 0; f < kFolders; ++f) {
             const std::string file = dir / ("d" + std::to_string(f) + "/f" + std::to_string(n));
-            const int fd = ::open(file.c_str(), O_CREAT | O_WRONLY | O_CLOEXEC, 0644);
-            ASSERT_GE(fd, 0);
-            ASSERT_EQ(1, ::write(fd, "x", 1));
-            ::close(fd);
+            std::ofstream(file) << "x";
             TestUtil::Rename(file, file + ".r");
             ASSERT_EQ(0, ::unlink((file + ".r").c_str()));
         }
@@ -126,26 +150,10 @@ TEST_F(StressTest, TenConsumersOnOneTreeEachGetExactlyTheirEvents) {
     }
 }
 
-// Denies the files whose names end in ".key"; allows everything else.
-class KeyJudge : public Engine::MixedTask {
-public:
-    KeyJudge() : Engine::MixedTask("key_judge", "test", Framework::TaskCondition::TASK_TYPE_EVENT, 1 << 14) {}
-    int Run() override { return ServeMessages(3000); }
-    int FileNotifyMessageAction(Engine::FileNotifyMessage* msg) override {
-        const std::string path = msg->GetEventFilePath();
-        return path.size() > 4 && path.compare(path.size() - 4, 4, ".key") == 0 ? 2 : 0;
-    }
-
-protected:
-    ~KeyJudge() override = default;
-};
-
 // What one opening child saw, written to its pipe.
 struct OpenerReport {
-    int allowedRight = 0;  // ".ok" opened
-    int deniedRight = 0;   // ".key" refused with EPERM
-    int wrong = 0;
-    long long slowestNs = 0;
+    int wrong = 0;  // opens allowed that should be denied, or the other way round
+    std::chrono::steady_clock::duration slowest{};
 };
 
 // The number the next descriptor would get: the limit is checked against it.
@@ -166,12 +174,6 @@ std::string WatchTree(Framework::Task& consumer, const std::string& tree) {
     return reply;
 }
 
-long long MonotonicNs() {
-    timespec at{};
-    ::clock_gettime(CLOCK_MONOTONIC, &at);
-    return at.tv_sec * 1000000000LL + at.tv_nsec;
-}
-
 // Eight processes open guarded files 2,000 times each, half of them denied:
 // every access is answered, rightly, and none waits past its deadline.
 TEST_F(StressTest, EightProcessesOpeningGuardedFilesGetTheirVerdictsInTime) {
@@ -179,21 +181,12 @@ TEST_F(StressTest, EightProcessesOpeningGuardedFilesGetTheirVerdictsInTime) {
     if (!missing.empty()) GTEST_SKIP() << missing;
     constexpr int kChildren = 8;
     constexpr int kOpens = 2000;
-    Poco::AutoPtr<KeyJudge> judge(new KeyJudge());
-    Framework::TaskRunner judgeRunner(judge.get());
-    ASSERT_EQ(0, judgeRunner.Start());
-    ASSERT_EQ(0, task->AddFileNotifyMsgConsumer(judge->GetTaskId(), judge.get()));
     const std::string ok = dir / "a.ok";
     const std::string key = dir / "s.key";
     TestUtil::Touch(ok);
     TestUtil::Touch(key);
-    Engine::_FileNotifyOpt opt;
-    opt.watchChildFolder = true;
-    opt.permit = true;
-    int wd = 0;
-    ASSERT_EQ(0, task->AddPermitWatch(judge->GetTaskId(), dir.path(), FAN_OPEN_PERM, opt, wd));
+    Guard(dir.path());
     ASSERT_EQ(0, taskRunner.Start());
-
     std::vector<std::pair<pid_t, int>> children;
     for (int c = 0; c < kChildren; ++c) {
         int out[2];
@@ -203,18 +196,11 @@ TEST_F(StressTest, EightProcessesOpeningGuardedFilesGetTheirVerdictsInTime) {
             OpenerReport report;
             for (int i = 0; i < kOpens; ++i) {
                 const bool denied = i % 2 == 1;
-                const long long start = MonotonicNs();
+                const auto start = std::chrono::steady_clock::now();
                 const int fd = ::open(denied ? key.c_str() : ok.c_str(), O_RDONLY | O_CLOEXEC);
-                const int error = fd < 0 ? errno : 0;
-                report.slowestNs = std::max(report.slowestNs, MonotonicNs() - start);
+                report.slowest = std::max(report.slowest, std::chrono::steady_clock::now() - start);
+                report.wrong += (denied ? fd >= 0 || errno != EPERM : fd < 0) ? 1 : 0;
                 if (fd >= 0) ::close(fd);
-                if (!denied && error == 0) {
-                    ++report.allowedRight;
-                } else if (denied && error == EPERM) {
-                    ++report.deniedRight;
-                } else {
-                    ++report.wrong;
-                }
             }
             ::_exit(::write(out[1], &report, sizeof report) == sizeof report ? 0 : 1);
         }
@@ -231,11 +217,9 @@ TEST_F(StressTest, EightProcessesOpeningGuardedFilesGetTheirVerdictsInTime) {
         int status = 0;
         ::waitpid(pid, &status, 0);
         ASSERT_TRUE(read) << "child " << pid << " reported nothing";
-        EXPECT_EQ(kOpens / 2, report.allowedRight);
-        EXPECT_EQ(kOpens / 2, report.deniedRight);
-        EXPECT_EQ(0, report.wrong);
+        EXPECT_EQ(0, report.wrong) << "child " << pid;
         // The deadline is a second from when the access is read.
-        EXPECT_LT(report.slowestNs, 1200LL * 1000 * 1000) << "child " << pid;
+        EXPECT_LT(report.slowest, std::chrono::milliseconds(1200)) << "child " << pid;
     }
 }
 
@@ -282,42 +266,6 @@ TEST_F(StressTest, ARootMadeAgainAHundredTimesLeavesNothingBehind) {
     EXPECT_EQ(threads, TestUtil::CountEntries("/proc/self/task"));
 }
 
-long ResidentKiB() {
-    std::ifstream status("/proc/self/status");
-    std::string line;
-    while (std::getline(status, line)) {
-        if (line.rfind("VmRSS:", 0) == 0) return std::atol(line.c_str() + 6);
-    }
-    return -1;
-}
-
-// More creations than the kernel's queue holds while the module is busy:
-// the consumer is told of the loss, memory stays bounded, and later events
-// flow again.
-TEST_F(StressTest, AKernelQueueOverflowIsToldAndLaterEventsFlow) {
-    const int queued = TestUtil::ReadIntFile("/proc/sys/fs/inotify/max_queued_events");
-    if (queued <= 0 || queued > 200000) GTEST_SKIP() << "fs.inotify.max_queued_events is " << queued;
-    RecordingConsumer& consumer = AddConsumer("flooded");
-    int id = 0;
-    ASSERT_EQ(0, task->AddInotifyWatch(consumer.GetTaskId(), dir.path(), IN_CREATE,
-                                       TestUtil::InotifyOptions(IN_CREATE, false), id));
-    ASSERT_EQ(0, taskRunner.Start());
-    const long before = ResidentKiB();
-    {
-        TestUtil::HeldThread busy(*task);
-        ASSERT_TRUE(busy.held);
-        for (int i = 0; i < queued + 1000; ++i)
-            TestUtil::Touch(dir / ("f" + std::to_string(i)));
-    }
-    ASSERT_TRUE(
-        consumer.WaitForEvent([](const auto& e) { return (e.mask & Engine::FileNotifyMessage::kOverflowMask) != 0; },
-                              std::chrono::milliseconds(30000)));
-    TestUtil::Touch(dir / "after");
-    ASSERT_TRUE(consumer.WaitForPath(dir / "after"));
-    // The events themselves are a few MiB; the module keeps no backlog of its own.
-    EXPECT_LT(ResidentKiB() - before, 64L * 1024);
-}
-
 // Out of descriptors while a guard and a tree watch run: every held access
 // is answered (the kernel denies what the reader cannot take), a request
 // fails with its reason in the log, nothing crashes, and all works again
@@ -326,11 +274,6 @@ TEST_F(StressTest, OutOfDescriptorsEveryAccessIsAnsweredAndAllRecovers) {
     const std::string missing = TestUtil::FanotifyMissing();
     if (!missing.empty()) GTEST_SKIP() << missing;
     TestUtil::LogCapture log(Engine::GetLoggerPtr());
-    Poco::AutoPtr<KeyJudge> judge(new KeyJudge());
-    Framework::TaskRunner judgeRunner(judge.get());
-    ASSERT_EQ(0, judgeRunner.Start());
-    ASSERT_EQ(0, task->AddFileNotifyMsgConsumer(judge->GetTaskId(), judge.get()));
-    judge->AddConsumer(task->GetTaskId(), "f", task.get());
     const std::string guarded = dir / "g/";
     const std::string tree = dir / "t/";
     TestUtil::MakeDir(guarded);
@@ -338,11 +281,7 @@ TEST_F(StressTest, OutOfDescriptorsEveryAccessIsAnsweredAndAllRecovers) {
     TestUtil::MakeDir(tree);
     for (int i = 0; i < 20; ++i)
         TestUtil::MakeDir(tree + "s" + std::to_string(i));
-    Engine::_FileNotifyOpt opt;
-    opt.watchChildFolder = true;
-    opt.permit = true;
-    int wd = 0;
-    ASSERT_EQ(0, task->AddPermitWatch(judge->GetTaskId(), guarded, FAN_OPEN_PERM, opt, wd));
+    Guard(guarded).AddConsumer(task->GetTaskId(), "f", task.get());
     ASSERT_EQ(0, taskRunner.Start());
 
     // The children open before the limit is lowered: only this process runs short.
