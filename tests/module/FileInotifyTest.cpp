@@ -1,23 +1,41 @@
+#include <sched.h>
+#include <sys/mount.h>
+#include <unistd.h>
+
 #include <algorithm>
+#include <atomic>
 #include <cstdint>
 #include <cstring>
+#include <filesystem>
 #include <fstream>
+#include <map>
+#include <set>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include <gtest/gtest.h>
 
+#include <Poco/AutoPtr.h>
+
 #include "FileInotify.h"
 #include "FileNotifyLimit.h"
 #include "FileNotifyLog.h"
+#include "FileNotifyMountWatch.h"
+#include "FileNotifyTask.h"
 #include "InotifyTestUtil.h"
 #include "LogCapture.h"
+#include "ProbedTask.h"
+#include "RecordingConsumer.h"
 #include "TestUtil.h"
+#include "framework/TaskRunner.h"
 
 using Engine::InotifyCallBackParm;
 using Engine::LOG_ERROR;
 using Engine::LOG_WARNING;
 using TestUtil::MakeDir;
+using TestUtil::RecordingConsumer;
+using TestUtil::Rename;
 using TestUtil::Touch;
 
 namespace {
@@ -87,8 +105,8 @@ TEST_F(FileInotifyTest, ATreeWatchCoversItsOwnFoldersOnly) {
     // One burst (as mkdir -p): the walk of x/ at the end of the batch finds y/.
     MakeDir(dir / "x");
     MakeDir(dir / "x/y");
-    TestUtil::Rename(outside / "in", dir / "in");
-    TestUtil::Rename(dir / "gone", outside / "gone");
+    Rename(outside / "in", dir / "in");
+    Rename(dir / "gone", outside / "gone");
     ASSERT_EQ(0, Read());
     for (const char* sub : {"a/", "a/b/", "x/", "x/y/", "in/", "in/deeper/"})
         EXPECT_TRUE(inotify.PathInSubFolderMap(dir / sub)) << sub << "\n" << log.Dump();
@@ -126,7 +144,7 @@ TEST_F(FileInotifyTest, TooDeepTreesAreCut) {
     EXPECT_EQ(20, Used());
 }
 
-TEST_F(FileInotifyTest, SelfEventsOfSubfoldersAndRootsAreTold) {
+TEST_F(FileInotifyTest, SelfEventsOfSubfoldersAreNoRecords) {
     MakeDir(dir / "r");
     MakeDir(dir / "r/sub");
     const int root = Add(dir / "r/", true);
@@ -142,19 +160,9 @@ TEST_F(FileInotifyTest, SelfEventsOfSubfoldersAndRootsAreTold) {
     EXPECT_EQ((std::vector<unsigned int>{IN_ATTRIB | IN_ISDIR, IN_DELETE | IN_ISDIR}), masks) << log.Dump();
     EXPECT_FALSE(inotify.PathInSubFolderMap(dir / "r/sub/"));
     EXPECT_EQ(1, Used());
-
-    ASSERT_EQ(0, ::rmdir((dir / "r").c_str()));
-    ASSERT_EQ(0, Read());
-    const auto self = For(dir / "r/");
-    ASSERT_EQ(1u, self.size()) << log.Dump();
-    EXPECT_EQ(IN_DELETE_SELF | IN_ISDIR, self[0].mask);
-    ASSERT_EQ(InotifyCallBackParm::TYPE_ROOT_REMOVED, got.back().type);
-    EXPECT_EQ(root, got.back().removedWd);
-    EXPECT_EQ(InotifyCallBackParm::TYPE_BATCH_END, got[got.size() - 2].type);
-    EXPECT_EQ(0, Used());
 }
 
-TEST_F(FileInotifyTest, RemovingWatches) {
+TEST_F(FileInotifyTest, RemovingWatchesTheKernelDroppedIsNoError) {
     MakeDir(dir / "a");
     const int tree = Add(dir.path(), true);
     ASSERT_EQ(0, ::rmdir((dir / "a").c_str()));
@@ -167,14 +175,6 @@ TEST_F(FileInotifyTest, RemovingWatches) {
     ASSERT_EQ(0, Read());
     EXPECT_EQ(0, Count(InotifyCallBackParm::TYPE_EVENT));
     EXPECT_TRUE(log.Has(LOG_ERROR, "No find the WatchRootItem for rootWd=" + std::to_string(tree))) << log.Dump();
-
-    // Keeping the kernel's root watch removes only the bookkeeping.
-    EXPECT_EQ(0, inotify.RemoveWatch(Add(dir.path(), false), false));
-    EXPECT_EQ(0, Used());
-    Touch(dir / "x");
-    ASSERT_EQ(0, Read());
-    EXPECT_EQ(0, Count(InotifyCallBackParm::TYPE_EVENT));
-    EXPECT_EQ(1, Count(InotifyCallBackParm::TYPE_BATCH_END));
 }
 
 // Raw buffers: what the decoder does with records the kernel would not write.
@@ -206,6 +206,289 @@ TEST_F(FileInotifyTest, DecoderCopesWithDamagedBuffers) {
     add(root, IN_CREATE, "two");
     EXPECT_EQ(Names{"odd"}, decode());
     EXPECT_TRUE(log.Has(LOG_ERROR, "bad inotify record at offset 21 of 53 bytes")) << log.Dump();
+}
+
+// The module task's inotify side driven on the test thread: the task is
+// initialised but not started, so its event waiter is pumped here, while
+// two consumer tasks run on their own threads.
+class InotifyWatchTest : public ::testing::Test {
+protected:
+    void SetUp() override {
+        ASSERT_EQ(0, task->Init());
+        for (auto* runner : {&runnerA, &runnerB})
+            ASSERT_EQ(0, runner->Start());
+        for (auto* consumer : {a.get(), b.get()})
+            ASSERT_EQ(0, task->AddFileNotifyMsgConsumer(consumer->GetTaskId(), consumer));
+    }
+    void TearDown() override { task->UnInit(); }
+
+    // The watch id, or the negated failure code.
+    int Add(RecordingConsumer& who, const std::string& path, unsigned int mask, const Engine::_FileNotifyOpt& opt) {
+        int id = 0;
+        const int result = task->AddInotifyWatch(who.GetTaskId(), path, mask, opt, id);
+        return result == 0 ? id : -result;
+    }
+    int Add(RecordingConsumer& who, const std::string& path, unsigned int mask, bool recursive = false) {
+        return Add(who, path, mask, TestUtil::InotifyOptions(mask, recursive));
+    }
+    // Runs the callbacks of every readable descriptor until none is left.
+    void Pump() {
+        while (task->GetEventWaiter().WaitAndHandleEvent(0, 128) > 0) {
+        }
+    }
+    // Pumps until a file made now under folder has reached consumer a:
+    // everything the task sent a before it has been received as well.
+    void Settle(const std::string& folder) {
+        const std::string sentinel = folder + "settled" + std::to_string(++settled);
+        Touch(sentinel);
+        ASSERT_TRUE(TestUtil::WaitUntil([&] {
+            Pump();
+            return a->WaitForEvent([&](const auto& e) { return e.path == sentinel; }, std::chrono::milliseconds(0));
+        })) << sentinel;
+    }
+    int settled = 0;
+    int UsedWatches() {
+        const auto& limit = task->GetInotifyWatch().GetLimit();
+        return limit.GetLimitWatches() - limit.GetPermitWatchSize();
+    }
+
+    TestUtil::LogCapture log{Engine::GetLoggerPtr()};
+    TestUtil::TempDir dir;
+    Poco::AutoPtr<TestUtil::ProbedTask> task{new TestUtil::ProbedTask()};
+    Poco::AutoPtr<RecordingConsumer> a{new RecordingConsumer("consumer_a")};
+    Poco::AutoPtr<RecordingConsumer> b{new RecordingConsumer("consumer_b")};
+    Framework::TaskRunner runnerA{a.get()};
+    Framework::TaskRunner runnerB{b.get()};
+};
+
+// Within one batch a move out waits for the end of the batch, in case its
+// other half comes; a move in goes at once.
+TEST_F(InotifyWatchTest, HalvesOfRenamesGoAloneAtTheEndOfTheBatch) {
+    TestUtil::TempDir outside;
+    const std::string d = dir.path();
+    ASSERT_GT(Add(*a, d, IN_CREATE | IN_MOVED_FROM | IN_MOVED_TO), 0);
+    Touch(d + "out");
+    Touch(outside / "in");
+    Settle(d);
+    a->Clear();
+    Rename(d + "out", outside / "out");
+    Touch(d + "later");
+    Rename(outside / "in", d + "in");
+    Pump();
+    ASSERT_TRUE(a->WaitFor(3));
+    EXPECT_EQ((std::vector<std::string>{d + "later 0x100", d + "in 0x80", d + "out 0x40"}), a->Summary());
+}
+
+TEST_F(InotifyWatchTest, ConsumersShareOneKernelWatchWithTheirOwnFilters) {
+    const std::string d = dir.path();
+    ASSERT_GT(Add(*a, d, IN_MODIFY), 0);
+    Engine::_FileNotifyOpt ignoring = TestUtil::InotifyOptions(IN_CREATE, false);
+    ignoring.ignoreFileExt = {".log"};
+    ASSERT_GT(Add(*b, d, IN_CREATE, ignoring), 0);
+    EXPECT_EQ(1, UsedWatches());
+
+    Touch(d + "x.log");
+    std::ofstream(d + "x.txt") << "x";
+    Pump();
+    ASSERT_TRUE(a->WaitFor(1));
+    ASSERT_TRUE(b->WaitFor(1));
+    EXPECT_EQ((std::vector<std::string>{d + "x.txt 0x2"}), a->Summary());
+    EXPECT_EQ((std::vector<std::string>{d + "x.txt 0x100"}), b->Summary());
+
+    // The kernel watch stays while a consumer still holds it.
+    ASSERT_EQ(0, task->RemoveInotifyWatch(a->GetTaskId(), d));
+    EXPECT_EQ(1, UsedWatches());
+    Touch(d + "y.txt");
+    Pump();
+    ASSERT_TRUE(b->WaitFor(2));
+    EXPECT_EQ(d + "y.txt 0x100", b->Summary().back());
+    ASSERT_EQ(0, task->RemoveInotifyWatch(b->GetTaskId(), d));
+    EXPECT_EQ(0, UsedWatches());
+
+    // Refused: a path watched already, a folder covered by a tree.
+    MakeDir(d + "sub");
+    ASSERT_GT(Add(*a, d, IN_CREATE, true), 0);
+    EXPECT_EQ(-1, Add(*a, d, IN_CREATE, true));
+    EXPECT_EQ(-1, Add(*b, d + "sub/", IN_CREATE));
+    EXPECT_EQ(2, UsedWatches());
+    EXPECT_EQ(1, task->RemoveInotifyWatch(b->GetTaskId(), d));
+    EXPECT_EQ(0, task->RemoveInotifyWatch(a->GetTaskId(), d));
+    EXPECT_EQ(0, TestUtil::KernelInotifyWatches());  // the subfolder's too
+}
+
+TEST_F(InotifyWatchTest, AVanishedRootWaitsWithItsFanotifyPart) {
+    const std::string root = dir / "r/";
+    MakeDir(root);
+    MakeDir(root + "sub");
+    // Part of the request went to fanotify: that part waits as well.
+    Engine::_FileNotifyOpt opt = TestUtil::InotifyOptions(IN_CREATE | IN_DELETE_SELF, true);
+    opt.inotifyOnly = false;
+    opt.combinedMask = IN_CREATE | IN_DELETE_SELF | IN_OPEN | IN_ISDIR;
+    ASSERT_GT(Add(*a, root, IN_CREATE | IN_DELETE_SELF, opt), 0);
+
+    ASSERT_EQ(0, ::rmdir((root + "sub").c_str()));
+    ASSERT_EQ(0, ::rmdir(root.c_str()));
+    Pump();
+    ASSERT_TRUE(a->WaitFor(1));
+    EXPECT_EQ((std::vector<std::string>{dir / "r 0x40000400"}), a->Summary());
+    std::vector<std::pair<int, unsigned int>> waiting;  // notify type 1: the fanotify part
+    for (const auto& pending : task->PendingWatches())
+        waiting.emplace_back(pending->notifyType, pending->mask);
+    EXPECT_EQ((std::vector<std::pair<int, unsigned int>>{{0, IN_CREATE | IN_DELETE_SELF}, {1, IN_OPEN | IN_ISDIR}}),
+              waiting);
+    EXPECT_EQ(0, UsedWatches());
+    EXPECT_TRUE(task->GetInotifyWatch().GetWatchData().Empty());
+}
+
+TEST_F(InotifyWatchTest, FileReplacedByRenameIsWatchedAgainAtOnce) {
+    const std::string file = dir / "conf";
+    Touch(file);
+    ASSERT_GT(Add(*a, file, IN_MODIFY | IN_DELETE_SELF), 0);
+    Touch(dir / "conf.new");
+    Rename(dir / "conf.new", file);
+    Pump();
+    ASSERT_TRUE(a->WaitFor(1));
+    EXPECT_EQ((std::vector<std::string>{file + " 0x400"}), a->Summary());
+    EXPECT_TRUE(task->PendingWatches().empty());
+
+    std::ofstream(file) << "x";
+    Pump();
+    ASSERT_TRUE(a->WaitFor(2));
+    EXPECT_EQ(file + " 0x2", a->Summary().back());
+}
+
+TEST_F(InotifyWatchTest, TreeAddsHoldWhileTheTreeChanges) {
+    const std::string root = dir / "busy/";
+    MakeDir(root);
+    TestUtil::Churn churn(root);
+    for (int round = 0; round < 20; ++round) {
+        const int id = Add(*a, root, IN_CREATE, true);
+        ASSERT_GT(id, 0) << "round " << round << "\n" << log.Dump();
+        ASSERT_EQ(0, task->RemoveInotifyWatch(a->GetTaskId(), root));
+        Pump();
+    }
+    EXPECT_EQ(0, TestUtil::KernelInotifyWatches());
+    EXPECT_EQ(0, log.Count(Engine::LOG_WARNING)) << log.Dump();
+}
+
+// mkdir -p bursts with files in the deepest folders, while the tree is read:
+// whatever the kernel reported and whatever the refresh found, every new
+// folder and file reaches the consumer once.
+TEST_F(InotifyWatchTest, NewFoldersReportEverythingTheyHoldOnce) {
+    ASSERT_GT(Add(*a, dir.path(), IN_CREATE, true), 0);
+    std::vector<std::filesystem::path> leaves;
+    std::map<std::string, int> seen;
+    for (const char* burst : {"x", "y", "z"}) {
+        for (int k = 0; k < 100; ++k) {
+            leaves.push_back(dir / burst + "/" + std::to_string(k / 2) + "/" + "ab"[k % 2]);
+            for (const auto& made : {leaves.back().parent_path().parent_path(), leaves.back().parent_path(),
+                                     leaves.back(), leaves.back() / "f"})
+                seen[made] = 0;
+        }
+    }
+    std::atomic<bool> made{false};
+    std::thread maker([&] {
+        for (const auto& leaf : leaves) {
+            std::filesystem::create_directories(leaf);
+            Touch(leaf / "f");
+        }
+        made = true;
+    });
+    TestUtil::AtScopeEnd join([&] { maker.join(); });
+    // Read while the folders come: some are watched before they fill up.
+    while (!made)
+        task->GetEventWaiter().WaitAndHandleEvent(10, 128);
+    // The first may share its batch with the last folder's refresh.
+    Settle(dir.path());
+    Settle(dir.path());
+    for (const auto& event : a->Events()) {
+        if (event.path.find("settled") != std::string::npos) continue;
+        auto known = seen.find(event.path);
+        ASSERT_NE(known, seen.end()) << event.path;
+        ++known->second;
+    }
+    for (const auto& [path, count] : seen)
+        EXPECT_EQ(1, count) << path;
+}
+
+// A mount namespace of this thread's own, entered before the task is made
+// (the task reads the mount table it sees then), so that nothing outside
+// sees the mounts of the test.
+struct PrivateMounts {
+    PrivateMounts() {
+        if (::unshare(CLONE_NEWNS) != 0 || ::mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0)
+            missing = std::strerror(errno);
+    }
+    std::string missing;
+};
+
+class MountTest : public PrivateMounts, public InotifyWatchTest {
+protected:
+    void SetUp() override {
+        if (!missing.empty()) GTEST_SKIP() << "no private mount namespace here: " << missing;
+        InotifyWatchTest::SetUp();
+    }
+    void TearDown() override {
+        for (auto it = mounted.rbegin(); it != mounted.rend(); ++it)
+            ::umount2(it->c_str(), MNT_DETACH);
+        if (missing.empty()) InotifyWatchTest::TearDown();
+    }
+    void Mount(const std::string& point) {
+        if (!std::filesystem::exists(point)) MakeDir(point);
+        ASSERT_EQ(0, ::mount("fn_test", point.c_str(), "tmpfs", 0, "size=1m")) << std::strerror(errno);
+        mounted.push_back(point);
+        MakeDir(point + "/inside");
+    }
+    std::vector<std::string> mounted;
+};
+
+// One mount below a watched tree, one that is a watched root: an unmount is
+// told and what lies underneath is watched; a new mount is watched too.
+TEST_F(MountTest, UnmountsAreToldAndWhatComesIntoViewIsWatched) {
+    TestUtil::TempDir other;
+    const std::string inTree = dir / "m";
+    const std::string root = other / "m";
+    Mount(inTree);
+    Mount(root);
+    ASSERT_GT(Add(*a, dir.path(), IN_CREATE, true), 0);
+    ASSERT_GT(Add(*b, root, IN_CREATE, false), 0);
+    Touch(inTree + "/inside/x");
+    Settle(dir.path());
+    for (const std::string& point : {inTree, root})
+        ASSERT_EQ(0, ::umount2(point.c_str(), 0)) << std::strerror(errno);
+    Touch(inTree + "/under");
+    Settle(dir.path());
+    for (const std::string& expected : {inTree + "/inside/x 0x100", inTree + " 0x40002000", inTree + "/under 0x100"})
+        EXPECT_TRUE(a->HasLine(expected)) << expected;
+    // The root was the mount: told, and watched again at once, underneath.
+    ASSERT_TRUE(b->WaitFor(1));
+    EXPECT_EQ(root + " 0x40002000", b->Summary().front());
+    EXPECT_TRUE(task->PendingWatches().empty());
+    Touch(root + "/later");
+    Pump();
+    ASSERT_TRUE(b->WaitFor(2));
+    EXPECT_EQ(root + "/later 0x100", b->Summary().back());
+
+    // Mounted again, with no inotify event for it: the mount table tells.
+    Mount(inTree);
+    Mount(root);
+    Pump();
+    Touch(inTree + "/inside/y");
+    Touch(root + "/z");
+    Settle(dir.path());
+    EXPECT_TRUE(a->HasLine(inTree + "/inside/y 0x100"));
+    ASSERT_TRUE(b->WaitFor(3));
+    EXPECT_EQ(root + "/z 0x100", b->Summary().back());
+}
+
+TEST(FileNotifyMountWatch, ReadsMountPointsAsTheKernelEscapesThem) {
+    const std::string table =
+        "22 1 8:1 / / rw,relatime shared:1 - ext4 /dev/sda1 rw\n"
+        "40 22 0:35 / /srv/with\\040blank\\134x rw - tmpfs fn rw\n"
+        "41 22 0:36 / /srv/odd\\04 rw - tmpfs fn rw\n"
+        "short line\n";
+    EXPECT_EQ((std::set<std::string>{"/", "/srv/with blank\\x/", "/srv/odd\\04/"}),
+              Engine::FileNotifyMountWatch::Parse(table));
 }
 
 }  // namespace

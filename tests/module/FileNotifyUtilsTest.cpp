@@ -31,29 +31,21 @@ using TestUtil::TempDir;
 // Event bits select, flags never do; a fanotify folder event also needs the
 // folder flag; unmount and overflow reach every consumer.
 TEST(FileNotifyUtilsTest, IgnoreWatchEventPassesOnlyWhatWasAskedFor) {
-    const struct {
-        std::vector<unsigned int> wanted;
-        unsigned int event;
-        bool fanotify;
-        bool passes;
-    } cases[] = {
-        {{}, IN_CREATE, false, false},
-        {{IN_CREATE, IN_DELETE}, IN_CREATE | IN_ISDIR, false, true},
-        {{IN_MODIFY | IN_ISDIR}, IN_DELETE_SELF | IN_ISDIR, false, false},
-        {{IN_MODIFY | IN_ONESHOT}, static_cast<unsigned int>(IN_ONESHOT), false, false},  // the sign bit
-        {{IN_MODIFY}, IN_UNMOUNT, false, true},
-        {{IN_MODIFY}, IN_Q_OVERFLOW, false, true},
-        {{IN_MODIFY}, IN_IGNORED, false, false},
-        {{FAN_OPEN}, FAN_OPEN | FAN_ONDIR, true, false},
-        {{FAN_OPEN, FAN_ONDIR}, FAN_OPEN | FAN_ONDIR, true, true},
-        {{FAN_OPEN | FAN_ONDIR}, FAN_CLOSE_NOWRITE | FAN_ONDIR, true, false},
-        {{FAN_OPEN_PERM}, FAN_ACCESS_PERM, true, false},
-        {{Engine::FileNotifyMask::kOpenExec}, FAN_OPEN_EXEC | FAN_OPEN, true, true},
+    const auto passes = [](std::vector<unsigned int> wanted, unsigned int event, bool fanotify = false) {
+        return !FileNotifyUtils::IsIgnoreWatchEvent(static_cast<int>(event), wanted, fanotify);
     };
-    for (const auto& c : cases) {
-        EXPECT_EQ(!c.passes, FileNotifyUtils::IsIgnoreWatchEvent(static_cast<int>(c.event), c.wanted, c.fanotify))
-            << std::hex << c.event << " fanotify " << c.fanotify;
-    }
+    EXPECT_FALSE(passes({}, IN_CREATE));
+    EXPECT_TRUE(passes({IN_CREATE, IN_DELETE}, IN_CREATE | IN_ISDIR));
+    EXPECT_FALSE(passes({IN_MODIFY | IN_ISDIR}, IN_DELETE_SELF | IN_ISDIR));
+    EXPECT_FALSE(passes({IN_MODIFY | IN_ONESHOT}, IN_ONESHOT));  // the sign bit
+    EXPECT_TRUE(passes({IN_MODIFY}, IN_UNMOUNT));
+    EXPECT_TRUE(passes({IN_MODIFY}, IN_Q_OVERFLOW));
+    EXPECT_FALSE(passes({IN_MODIFY}, IN_IGNORED));
+    EXPECT_FALSE(passes({FAN_OPEN}, FAN_OPEN | FAN_ONDIR, true));
+    EXPECT_TRUE(passes({FAN_OPEN, FAN_ONDIR}, FAN_OPEN | FAN_ONDIR, true));
+    EXPECT_FALSE(passes({FAN_OPEN | FAN_ONDIR}, FAN_CLOSE_NOWRITE | FAN_ONDIR, true));
+    EXPECT_FALSE(passes({FAN_OPEN_PERM}, FAN_ACCESS_PERM, true));
+    EXPECT_TRUE(passes({Engine::FileNotifyMask::kOpenExec}, FAN_OPEN_EXEC | FAN_OPEN, true));
 }
 
 TEST(FileNotifyUtilsTest, IgnoreWatchObject) {
@@ -170,13 +162,14 @@ TEST(FileNotifyLimitTest, PercentOfTheKernelValuesFromTheConfiguration) {
         FileNotifyLimit limit(files);
         return std::vector<int>{limit.GetLimitInstances(), limit.GetPermitFileSize(), limit.GetLimitWatches()};
     };
-    std::ofstream(files.maxUserInstances) << "";
-    std::ofstream(files.fileMax) << "x";
-    std::ofstream(files.maxUserWatches) << "0";
+    const auto kernel = [&](const char* instances, const char* fileMax, const char* watches) {
+        std::ofstream(files.maxUserInstances) << instances;
+        std::ofstream(files.fileMax) << fileMax;
+        std::ofstream(files.maxUserWatches) << watches;
+    };
+    kernel("", "x", "0");
     EXPECT_EQ((std::vector<int>{10, 1024, 1024}), limitsAt(50));  // unreadable values keep the defaults
-    std::ofstream(files.maxUserInstances) << "  128 max";
-    std::ofstream(files.fileMax) << "100000\n";
-    std::ofstream(files.maxUserWatches) << "8192 ";
+    kernel("  128 max", "100000\n", "8192 ");
     EXPECT_EQ((std::vector<int>{38, 30000, 2457}), limitsAt(0));
     EXPECT_EQ((std::vector<int>{64, 50000, 4096}), limitsAt(50));
 
