@@ -57,13 +57,6 @@ protected:
         got.clear();
         return inotify.ReadEvents(buffer, sizeof buffer, &Collect, this);
     }
-    // The event records for this path.
-    std::vector<InotifyCallBackParm> For(const std::string& path) const {
-        std::vector<InotifyCallBackParm> out;
-        std::copy_if(got.begin(), got.end(), std::back_inserter(out),
-                     [&](const auto& r) { return r.type == InotifyCallBackParm::TYPE_EVENT && r.filePath == path; });
-        return out;
-    }
     long Count(int type) const {
         return std::count_if(got.begin(), got.end(), [&](const auto& r) { return r.type == type; });
     }
@@ -144,37 +137,32 @@ TEST_F(FileInotifyTest, TooDeepTreesAreCut) {
     EXPECT_EQ(20, Used());
 }
 
-TEST_F(FileInotifyTest, SelfEventsOfSubfoldersAreNoRecords) {
-    MakeDir(dir / "r");
-    MakeDir(dir / "r/sub");
-    const int root = Add(dir / "r/", true);
-    ASSERT_GT(root, 0);
-
-    ASSERT_EQ(0, ::chmod((dir / "r/sub").c_str(), 0700));  // attributes of a subfolder itself: dropped
-    ASSERT_EQ(0, ::rmdir((dir / "r/sub").c_str()));
+// A subfolder that goes: its own self events make no record, its parent's
+// do. A tree removed before the kernel's word on its gone subfolders is
+// read: no warning, and the queued events of its watches are dropped.
+TEST_F(FileInotifyTest, VanishingSubfolders) {
+    for (const char* sub : {"sub", "other"})
+        MakeDir(dir / sub);
+    const int root = Add(dir.path(), true);
+    ASSERT_EQ(0, ::chmod((dir / "sub").c_str(), 0700));  // attributes of the subfolder itself: dropped
+    ASSERT_EQ(0, ::rmdir((dir / "sub").c_str()));
     ASSERT_EQ(0, Read());
-    EXPECT_TRUE(For(dir / "r/sub/").empty());  // its own self event makes no record
-    std::vector<unsigned int> masks;           // the parent's records do
-    for (const auto& r : For(dir / "r/sub"))
-        masks.push_back(r.mask);
-    EXPECT_EQ((std::vector<unsigned int>{IN_ATTRIB | IN_ISDIR, IN_DELETE | IN_ISDIR}), masks) << log.Dump();
-    EXPECT_FALSE(inotify.PathInSubFolderMap(dir / "r/sub/"));
-    EXPECT_EQ(1, Used());
-}
+    std::vector<std::string> records;
+    for (const auto& r : got)
+        if (r.type == InotifyCallBackParm::TYPE_EVENT) records.push_back(r.filePath + " " + std::to_string(r.mask));
+    EXPECT_EQ((std::vector<std::string>{dir / "sub " + std::to_string(IN_ATTRIB | IN_ISDIR),
+                                        dir / "sub " + std::to_string(IN_DELETE | IN_ISDIR)}),
+              records);
+    EXPECT_FALSE(inotify.PathInSubFolderMap(dir / "sub/"));
+    EXPECT_EQ(2, Used());
 
-TEST_F(FileInotifyTest, RemovingWatchesTheKernelDroppedIsNoError) {
-    MakeDir(dir / "a");
-    const int tree = Add(dir.path(), true);
-    ASSERT_EQ(0, ::rmdir((dir / "a").c_str()));
-    // Removal before the batch is read: the subfolder's kernel watch is gone,
-    // which a changing tree does all the time: no warning.
-    EXPECT_EQ(0, inotify.RemoveWatch(tree));
+    ASSERT_EQ(0, ::rmdir((dir / "other").c_str()));
+    EXPECT_EQ(0, inotify.RemoveWatch(root));
     EXPECT_EQ(0, log.Count(LOG_WARNING)) << log.Dump();
     EXPECT_EQ(0, Used());
-    // Its queued events now name watches nobody knows: logged and dropped.
     ASSERT_EQ(0, Read());
     EXPECT_EQ(0, Count(InotifyCallBackParm::TYPE_EVENT));
-    EXPECT_TRUE(log.Has(LOG_ERROR, "No find the WatchRootItem for rootWd=" + std::to_string(tree))) << log.Dump();
+    EXPECT_TRUE(log.Has(LOG_ERROR, "No find the WatchRootItem for rootWd=" + std::to_string(root))) << log.Dump();
 }
 
 // Raw buffers: what the decoder does with records the kernel would not write.
@@ -262,8 +250,9 @@ protected:
 };
 
 // Within one batch a move out waits for the end of the batch, in case its
-// other half comes; a move in goes at once.
-TEST_F(InotifyWatchTest, HalvesOfRenamesGoAloneAtTheEndOfTheBatch) {
+// other half comes; a move in goes at once. A watched file replaced by a
+// rename is told gone and watched again at once.
+TEST_F(InotifyWatchTest, RenamesInAndOutOfWatches) {
     TestUtil::TempDir outside;
     const std::string d = dir.path();
     ASSERT_GT(Add(*a, d, IN_CREATE | IN_MOVED_FROM | IN_MOVED_TO), 0);
@@ -277,6 +266,17 @@ TEST_F(InotifyWatchTest, HalvesOfRenamesGoAloneAtTheEndOfTheBatch) {
     Pump();
     ASSERT_TRUE(a->WaitFor(3));
     EXPECT_EQ((std::vector<std::string>{d + "later 0x100", d + "in 0x80", d + "out 0x40"}), a->Summary());
+
+    ASSERT_GT(Add(*b, d + "in", IN_MODIFY | IN_DELETE_SELF), 0);
+    Rename(outside / "out", d + "in");
+    Pump();
+    ASSERT_TRUE(b->WaitFor(1));
+    EXPECT_EQ((std::vector<std::string>{d + "in 0x400"}), b->Summary());
+    EXPECT_TRUE(task->PendingWatches().empty());
+    std::ofstream(d + "in") << "x";
+    Pump();
+    ASSERT_TRUE(b->WaitFor(2));
+    EXPECT_EQ(d + "in 0x2", b->Summary().back());
 }
 
 TEST_F(InotifyWatchTest, ConsumersShareOneKernelWatchWithTheirOwnFilters) {
@@ -338,23 +338,6 @@ TEST_F(InotifyWatchTest, AVanishedRootWaitsWithItsFanotifyPart) {
               waiting);
     EXPECT_EQ(0, UsedWatches());
     EXPECT_TRUE(task->GetInotifyWatch().GetWatchData().Empty());
-}
-
-TEST_F(InotifyWatchTest, FileReplacedByRenameIsWatchedAgainAtOnce) {
-    const std::string file = dir / "conf";
-    Touch(file);
-    ASSERT_GT(Add(*a, file, IN_MODIFY | IN_DELETE_SELF), 0);
-    Touch(dir / "conf.new");
-    Rename(dir / "conf.new", file);
-    Pump();
-    ASSERT_TRUE(a->WaitFor(1));
-    EXPECT_EQ((std::vector<std::string>{file + " 0x400"}), a->Summary());
-    EXPECT_TRUE(task->PendingWatches().empty());
-
-    std::ofstream(file) << "x";
-    Pump();
-    ASSERT_TRUE(a->WaitFor(2));
-    EXPECT_EQ(file + " 0x2", a->Summary().back());
 }
 
 TEST_F(InotifyWatchTest, TreeAddsHoldWhileTheTreeChanges) {
