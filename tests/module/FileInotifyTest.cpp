@@ -22,7 +22,6 @@
 #include "FileNotifyLimit.h"
 #include "FileNotifyLog.h"
 #include "FileNotifyMountWatch.h"
-#include "FileNotifyTask.h"
 #include "InotifyTestUtil.h"
 #include "LogCapture.h"
 #include "ProbedTask.h"
@@ -124,12 +123,10 @@ TEST_F(FileInotifyTest, ATreeWatchCoversItsOwnFoldersOnly) {
 
 TEST_F(FileInotifyTest, TooDeepTreesAreCut) {
     // The root is level 1: levels 2 to 20 are watched, 21 is named and cut.
-    std::string deep = dir / "deep/";
-    std::string cut;
+    std::string deep = dir / "deep/", cut;
     MakeDir(deep);
     for (int level = 2; level <= 22; ++level) {
-        deep += "l/";
-        MakeDir(deep);
+        MakeDir(deep += "l/");
         if (level == 21) cut = deep;
     }
     EXPECT_GT(Add(dir / "deep/", true), 0);
@@ -169,11 +166,10 @@ TEST_F(FileInotifyTest, VanishingSubfolders) {
 TEST_F(FileInotifyTest, DecoderCopesWithDamagedBuffers) {
     const int root = Add(dir.path(), false);
     std::string raw;
-    const auto add = [&](int wd, std::uint32_t mask, const std::string& name = "", std::uint32_t len = 0) {
-        if (len == 0 && !name.empty()) len = (name.size() + 16) / 16 * 16;
-        const inotify_event header{wd, mask, 0, len};
-        raw.append(reinterpret_cast<const char*>(&header), sizeof header).append(name.substr(0, len));
-        raw.append(len - std::min<std::size_t>(name.size(), len), '\0');
+    // A record as the kernel lays it out: the name padded to len bytes.
+    const auto add = [&](const std::string& name, std::uint32_t len = 16) {
+        const inotify_event header{root, IN_CREATE, 0, len};
+        raw.append(reinterpret_cast<const char*>(&header), sizeof header).append(name).append(len - name.size(), '\0');
     };
     const auto decode = [&](std::size_t cut = 0) {
         got.clear();
@@ -185,14 +181,13 @@ TEST_F(FileInotifyTest, DecoderCopesWithDamagedBuffers) {
         raw.clear();
         return names;
     };
-    using Names = std::vector<std::string>;
-    add(root, IN_CREATE, "one");
-    add(root, IN_CREATE, "two");
-    EXPECT_EQ(Names{"one"}, decode(4));
+    add("one");
+    add("two");
+    EXPECT_EQ(std::vector<std::string>{"one"}, decode(4));
     EXPECT_TRUE(log.Has(LOG_ERROR, "bad inotify record at offset 32 of 60 bytes")) << log.Dump();
-    add(root, IN_CREATE, "odd", 5);  // misaligns the next
-    add(root, IN_CREATE, "two");
-    EXPECT_EQ(Names{"odd"}, decode());
+    add("odd", 5);  // misaligns the next
+    add("two");
+    EXPECT_EQ(std::vector<std::string>{"odd"}, decode());
     EXPECT_TRUE(log.Has(LOG_ERROR, "bad inotify record at offset 21 of 53 bytes")) << log.Dump();
 }
 
