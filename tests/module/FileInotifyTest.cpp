@@ -121,7 +121,22 @@ TEST_F(FileInotifyTest, ATreeWatchCoversItsOwnFoldersOnly) {
     EXPECT_EQ(1, Count(InotifyCallBackParm::TYPE_BATCH_END));
 }
 
-TEST_F(FileInotifyTest, TooDeepTreesAreCut) {
+TEST_F(FileInotifyTest, TooLargeTreesAreRefusedBeforeAnyWatchTooDeepOnesAreCut) {
+    // Six further watches allowed, also when the kernel's files are read again.
+    TestUtil::TempDir kernel;
+    std::ofstream(kernel / "watches") << "20\n";
+    Engine::FileNotifyLimit::KernelFiles files;
+    files.maxUserWatches = kernel / "watches";
+    Engine::FileNotifyLimit small(files);
+    small.CalculateLimitParam(30, 0, 0, 20);
+    Engine::FileInotify limited(&small);
+    for (int i = 0; i < 6; ++i)
+        MakeDir(dir / ("d" + std::to_string(i)));
+    int id = 0;
+    EXPECT_EQ(1, limited.AddWatch(dir.path(), IN_CREATE, id, true, false, false));
+    EXPECT_EQ(Engine::WatchFailure::Reason::LimitReached, limited.LastFailure().reason);
+    EXPECT_EQ(0, TestUtil::KernelInotifyWatches());
+
     // The root is level 1: levels 2 to 20 are watched, 21 is named and cut.
     std::string deep = dir / "deep/", cut;
     MakeDir(deep);
