@@ -128,14 +128,11 @@ TEST(OutputFormat, CachedTimeIsAlwaysTheEventsTime) {
     }
 }
 
-// A loss report is printed whatever -e chose and is not counted against
-// --count; the consumer keeps the totals for the exit and warns at most
-// once a second for each cause.
+// A loss report is printed but not counted against --count; the consumer
+// keeps the totals for the exit and warns at most once a second per cause.
 TEST(OutputFormat, LossReportsArePrintedAndCounted) {
     TestUtil::TempDir dir;
     FileNotifyCli::CliSettings settings;
-    settings.mode = FileNotifyCli::CliSettings::Mode::Watch;
-    settings.events = 0x100;  // create
     settings.count = 1;
     FileNotifyCli::OutputSink output(dir / "out", nullptr, false);
     int stops = 0;

@@ -85,6 +85,7 @@ TEST_F(ModuleEndToEnd, RequestsAnswersAndEvents) {
     EXPECT_TRUE(log.Has(Engine::LOG_ERROR, "No find FAN_OPEN or FAN_ACCESS event,m_watchMask=2"));
     const std::string later = dir / "later";
     EXPECT_EQ(1, Watch(later, {IN_CREATE}, Options()));
+    EXPECT_EQ(1, Watch("  " + dir.path() + "  ", {IN_CREATE}, Options())) << "blanks belong to the name";
     EXPECT_EQ(1, Watch(dir / "never", {IN_CREATE}, Options()));
     EXPECT_EQ(0, Send(new Engine::FileNotifyWatchMessage(a.get(), dir / "never", false)));
     a->Clear();
