@@ -4,7 +4,6 @@
 #include <string>
 
 #include <Poco/AutoPtr.h>
-#include <Poco/Event.h>
 
 #include "framework/Message.h"
 #include "framework/Task.h"
@@ -18,16 +17,14 @@ struct Probe {
     std::atomic<int> lastHandlerTask{0};
 };
 
-// A message that reports its handling and destruction, answers with a fixed
-// result and reply, and can hold its handler until a gate opens.
+// A message that reports its handling and destruction and answers with a
+// fixed result and reply.
 class ProbeMessage : public Framework::Message {
 public:
-    explicit ProbeMessage(Probe& probe, int result = 0, std::string reply = std::string(), Poco::Event* gate = nullptr)
-        : Framework::Message("probe"), _probe(probe), _result(result), _replyText(std::move(reply)), _gate(gate) {}
+    explicit ProbeMessage(Probe& probe, int result = 0, std::string reply = std::string())
+        : Framework::Message("probe"), _probe(probe), _result(result), _replyText(std::move(reply)) {}
     ~ProbeMessage() override { ++_probe.destroyed; }
-
     int MessageHandle(void* task) override {
-        if (_gate != nullptr) _gate->wait();
         _probe.lastHandlerTask = static_cast<Framework::Task*>(task)->GetTaskId();
         GetMsgReply() = _replyText;
         ++_probe.handled;
@@ -38,20 +35,17 @@ private:
     Probe& _probe;
     int _result;
     std::string _replyText;
-    Poco::Event* _gate;
 };
 
 // A task that only serves its queue.
 class ServeTask : public Framework::Task {
 public:
-    explicit ServeTask(const std::string& name, int capacity = 1024, int waitMs = 3000)
+    ServeTask(const std::string& name, int capacity, int waitMs)
         : Framework::Task(name, "test_feature", Framework::TaskCondition::TASK_TYPE_EVENT, capacity), _waitMs(waitMs) {}
     int Run() override { return ServeMessages(_waitMs); }
 
-protected:
-    ~ServeTask() override = default;
-
 private:
+    ~ServeTask() override = default;
     int _waitMs;
 };
 
