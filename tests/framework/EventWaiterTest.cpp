@@ -39,10 +39,6 @@ struct Recorder {
     }
 };
 
-void MakeReady(const UniqueFd& fd) {
-    EXPECT_EQ(0, ::eventfd_write(fd.get(), 1));
-}
-
 }  // namespace
 
 TEST(EventWaiter, HandlesReadyDescriptorsAndWakeUpsAndSurvivesEventsThatGo) {
@@ -53,7 +49,7 @@ TEST(EventWaiter, HandlesReadyDescriptorsAndWakeUpsAndSurvivesEventsThatGo) {
     for (auto& fd : fds) {
         fd.reset(::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK));
         rec.Watch(waiter, fd);
-        MakeReady(fd);
+        ::eventfd_write(fd.get(), 1);
     }
     EXPECT_EQ(EEXIST, waiter.AddEvent(rec.events.front().get()));
     EXPECT_EQ(2, waiter.WaitAndHandleEvent(1000, 2));
@@ -61,7 +57,7 @@ TEST(EventWaiter, HandlesReadyDescriptorsAndWakeUpsAndSurvivesEventsThatGo) {
     EXPECT_EQ(3u, std::set<int>(rec.fds.begin(), rec.fds.end()).size());
 
     // A wake-up with a ready descriptor: both handled, and the result says "drain the queue".
-    MakeReady(fds[0]);
+    ::eventfd_write(fds[0].get(), 1);
     waiter.Notify();
     EXPECT_LT(waiter.WaitAndHandleEvent(1000, 8), 0);
     EXPECT_EQ(4u, rec.fds.size());
@@ -77,8 +73,8 @@ TEST(EventWaiter, HandlesReadyDescriptorsAndWakeUpsAndSurvivesEventsThatGo) {
 
     // Two ready in one batch, and the first callback destroys the other event: it is skipped.
     rec.destroyOthers = true;
-    MakeReady(fds[1]);
-    MakeReady(fds[2]);
+    ::eventfd_write(fds[1].get(), 1);
+    ::eventfd_write(fds[2].get(), 1);
     EXPECT_EQ(1, waiter.WaitAndHandleEvent(1000, 8));
     EXPECT_EQ(5u, rec.fds.size());
     EXPECT_EQ(1u, waiter.EventCount());

@@ -14,7 +14,6 @@ namespace FrameworkTest {
 struct Probe {
     std::atomic<int> handled{0};
     std::atomic<int> destroyed{0};
-    std::atomic<int> lastHandlerTask{0};
 };
 
 // A message that reports its handling and destruction and answers with a
@@ -24,8 +23,7 @@ public:
     explicit ProbeMessage(Probe& probe, int result = 0, std::string reply = std::string())
         : Framework::Message("probe"), _probe(probe), _result(result), _replyText(std::move(reply)) {}
     ~ProbeMessage() override { ++_probe.destroyed; }
-    int MessageHandle(void* task) override {
-        _probe.lastHandlerTask = static_cast<Framework::Task*>(task)->GetTaskId();
+    int MessageHandle(void*) override {
         GetMsgReply() = _replyText;
         ++_probe.handled;
         return _result;

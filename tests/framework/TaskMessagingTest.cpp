@@ -36,7 +36,6 @@ TEST(TaskQueue, ManyProducersEveryMessageHandledOnce) {
         p.join();
     EXPECT_TRUE(TestUtil::WaitUntil([&] { return probe.handled.load() == kThreads * kEach; })) << probe.handled;
     runner.Stop();
-    EXPECT_EQ(kThreads * kEach, probe.handled.load());
     EXPECT_EQ(kThreads * kEach, probe.destroyed.load());
 }
 

@@ -17,7 +17,6 @@
 
 #include "TestUtil.h"
 #include "framework/ConfigManager.h"
-#include "sdk/ConfigUtils.h"
 #include "sdk/FileUtils.h"
 #include "sdk/InnerCpuCtrlUtils.h"
 #include "sdk/LoggerUtils.h"
@@ -100,7 +99,7 @@ TEST(FileUtilsTest, KindsAndReads) {
     EXPECT_EQ(TestUtil::CountEntries("/proc/self/fd"), fdsBefore);
 }
 
-TEST(ProcessUtilsTest, ExeDeletedWhileRunningAndGoneOnceExited) {
+TEST(ProcessUtilsTest, ExeDeletedWhileRunning) {
     // The second name is a trap: a file really named "... (deleted)" is not deleted while it is there.
     for (const char* name : {"sleeper", "sleeper (deleted)"}) {
         TestUtil::TempDir dir;
@@ -121,11 +120,6 @@ TEST(ProcessUtilsTest, ExeDeletedWhileRunningAndGoneOnceExited) {
         ASSERT_TRUE(TestUtil::WaitUntil([&] { return exeOf() && path == exe && !deleted; })) << name << ": " << path;
         ASSERT_EQ(::unlink(exe.c_str()), 0);
         EXPECT_TRUE(exeOf() && path == exe && deleted) << name << ": " << path;
-        // Exited, a zombie not reaped yet: no executable any more.
-        ASSERT_EQ(0, ::kill(pid, SIGKILL));
-        siginfo_t info{};
-        ASSERT_EQ(0, ::waitid(P_PID, static_cast<id_t>(pid), &info, WEXITED | WNOWAIT));
-        EXPECT_FALSE(exeOf() || !path.empty() || deleted) << name << ": " << path;
     }
 }
 
@@ -189,59 +183,43 @@ TEST(LoggerUtilsTest, LevelReachesEveryLoggerAndTheFileRotates) {
 
     const std::string path = dir / "agent.log";
     ASSERT_TRUE(utils->UseRotatingFile(path, 300, 2));
-    const auto log = [&](Message::Priority priority, const std::string& text) {
-        logger->log(Message(logger->name(), text, priority, __FILE__, 1234));
-    };
     for (int i = 0; i < 40; ++i)
-        log(Message::PRIO_ERROR, "record-" + std::to_string(i));
-    log(Message::PRIO_WARNING, "below-level");
+        poco_error(*logger, "record-" + std::to_string(i));
+    poco_warning(*logger, "below-level");
     const std::string live = ReadAll(path);
     // Time with milliseconds, priority, source logger, file:line, text.
     EXPECT_TRUE(std::regex_search(live, std::regex(R"(\d{4}-\d\d-\d\d \d\d:\d\d:\d\d\.\d{3} .*)"
-                                                   R"(Error.*outsider.*SdkTest\.cpp:1234.*record-39\n)")))
+                                                   R"(Error.*outsider.*SdkTest\.cpp:\d+.*record-39\n)")))
         << live;
     EXPECT_EQ(std::string::npos, live.find("below-level")) << live;
-    // Rotated past 300 bytes, two archives kept (POCO purges the oldest by file time): bounded disk use.
+    // Rotated at 300 bytes, two archives kept (POCO purges the oldest by file time): bounded disk use.
     std::size_t archives = 0;
-    for (const auto& entry : fs::directory_iterator(dir.path())) {
-        EXPECT_LT(entry.file_size(), 600u) << entry.path();
+    for (const auto& entry : fs::directory_iterator(dir.path()))
         archives += entry.path().filename().string().rfind("agent.log.", 0) == 0 ? 1 : 0;
-    }
     EXPECT_EQ(archives, 2u);
     // A file that cannot be opened keeps the current one.
     EXPECT_FALSE(utils->UseRotatingFile(dir / "no/such/agent.log"));
-    log(Message::PRIO_ERROR, "after-bad-file");
+    poco_error(*logger, "after-bad-file");
     EXPECT_NE(std::string::npos, ReadAll(path).find("after-bad-file"));
 }
 
-TEST(ConfigUtilsTest, IntValues) {
-    const int def = -777;
-    TestUtil::TempDir dir;
-    std::ofstream(dir / "test.conf") << "plain = 42\nplus = +9\ninline = 20  # percent\ntrailing = 12abc\n"
-                                        "over = 2147483648\nsigns = +-3\nref = ${plain}\n";
-    ConfigUtils config;
-    ASSERT_TRUE(config.LoadConfigFile(dir / "test.conf"));
-    const std::pair<const char*, int> cases[] = {{"plain", 42}, {"plus", 9},    {"inline", 20}, {"trailing", def},
-                                                 {"over", def}, {"signs", def}, {"ref", def}};
-    for (const auto& c : cases)
-        EXPECT_EQ(config.GetIntValue(c.first, def), c.second) << c.first;
-    // A failed load drops what was loaded before.
-    EXPECT_FALSE(config.LoadConfigFile(dir / "missing"));
-    EXPECT_EQ(config.GetIntValue("plain", def), def);
-}
-
-// Absent or 0 is "not configured"; a bad value spoils only itself.
+// Values are strict whole numbers ("#" starts a comment, "${...}" is not
+// expanded); absent or 0 is "not configured"; a bad value spoils only itself.
 TEST(ConfigManagerTest, Percentages) {
     const struct {
         const char* content;  // nullptr: no file
         int inotify, cpu;
         bool ok;
-    } cases[] = {{"inotify = 30\ncpu = 100\n", 30, 100, true},
-                 {"#inotify = 50\ncpu = 0\n", 0, 0, true},
-                 {"inotify = 101\ncpu = 20\n", 0, 20, false},
-                 {"inotify = 30\ncpu = -1\n", 30, 0, false},
-                 {"inotify = abc\n", 0, 0, false},
-                 {nullptr, 0, 0, false}};
+    } cases[] = {
+        {"inotify = 30\ncpu = 100\n", 30, 100, true},
+        {"#inotify = 50\ncpu = 0\n", 0, 0, true},
+        {"inotify = +9\ncpu = 20  # percent\n", 9, 20, true},
+        {"inotify = 101\ncpu = 20\n", 0, 20, false},
+        {"inotify = 30\ncpu = -1\n", 30, 0, false},
+        {"inotify = 12abc\ncpu = +-3\n", 0, 0, false},
+        {"inotify = 4294967326\ncpu = ${inotify}\n", 0, 0, false},
+        {nullptr, 0, 0, false},
+    };
     TestUtil::TempDir dir;
     const std::string path = dir / "resource.conf";
     auto* manager = Framework::ConfigManager::GetInstance();
