@@ -66,18 +66,17 @@ TEST(TaskQueue, DropWarningsAreRateLimitedAndExactAtStop) {
     EXPECT_EQ(2000u, total) << log.Dump();
 }
 
-TEST(TaskLifecycle, CancelEndsALongWaitPromptlyEvenBeforeTheThreadRuns) {
-    for (bool early : {false, true}) {
-        auto task = MakeServeTask("cancel", 64, 60000);
-        if (early) task->cancel();  // POCO marks the task running after this: must not be lost
-        TaskRunner runner(task.get());
-        ASSERT_EQ(0, runner.Start());
-        ASSERT_TRUE(early || TestUtil::WaitUntil([&] { return task->state() == Poco::Task::TASK_RUNNING; }));
-        const auto start = steady_clock::now();
-        runner.Stop();
-        EXPECT_LT(steady_clock::now() - start, milliseconds(2000)) << "early=" << early;
-        EXPECT_EQ(Poco::Task::TASK_FINISHED, task->state());
-    }
+// POCO marks a task running when its thread starts, which would overwrite a
+// cancel that came before. (A cancel of a running wait: ModuleHost's stop.)
+TEST(TaskLifecycle, ACancelBeforeTheThreadRunsIsNotLost) {
+    auto task = MakeServeTask("cancel", 64, 60000);
+    task->cancel();
+    TaskRunner runner(task.get());
+    ASSERT_EQ(0, runner.Start());
+    const auto start = steady_clock::now();
+    runner.Stop();
+    EXPECT_LT(steady_clock::now() - start, milliseconds(2000));
+    EXPECT_EQ(Poco::Task::TASK_FINISHED, task->state());
 }
 
 TEST(SyncSend, AnswersOrFailsWithinItsTimeOut) {
@@ -172,7 +171,6 @@ TEST(TaskSend, OnlyToARegisteredConsumerAndWhatDoesNotFitStaysWithTheSender) {
         EXPECT_EQ(-1, sender->GetEventWaiter().WaitAndHandleEvent(20000, 1));
         EXPECT_LT(steady_clock::now() - start, milliseconds(10000));
         EXPECT_TRUE(sender->TakeDrainSignal());
-        EXPECT_FALSE(sender->TakeDrainSignal());
         EXPECT_EQ(MSG_OK, sender->TrySendMsg(id, "f", message));
         EXPECT_EQ(nullptr, message);
         EXPECT_TRUE(TestUtil::WaitUntil([&] { return probe.handled.load() == 9; }));
