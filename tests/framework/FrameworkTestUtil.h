@@ -38,18 +38,17 @@ private:
 // A task that only serves its queue.
 class ServeTask : public Framework::Task {
 public:
-    ServeTask(const std::string& name, int capacity, int waitMs)
-        : Framework::Task(name, "test_feature", Framework::TaskCondition::TASK_TYPE_EVENT, capacity), _waitMs(waitMs) {}
-    int Run() override { return ServeMessages(_waitMs); }
+    ServeTask(const std::string& name, int capacity)
+        : Framework::Task(name, "test_feature", Framework::TaskCondition::TASK_TYPE_EVENT, capacity) {}
+    int Run() override { return ServeMessages(3000); }
 
 private:
     ~ServeTask() override = default;
-    int _waitMs;
 };
 
 // Reachable at once, running or not: messages queue for it.
-inline Poco::AutoPtr<ServeTask> MakeServeTask(const std::string& name, int capacity = 1024, int waitMs = 3000) {
-    Poco::AutoPtr<ServeTask> task(new ServeTask(name, capacity, waitMs));
+inline Poco::AutoPtr<ServeTask> MakeServeTask(const std::string& name, int capacity = 1024) {
+    Poco::AutoPtr<ServeTask> task(new ServeTask(name, capacity));
     task->Publish();
     return task;
 }

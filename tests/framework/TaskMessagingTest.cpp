@@ -66,10 +66,9 @@ TEST(TaskQueue, DropWarningsAreRateLimitedAndExactAtStop) {
     EXPECT_EQ(2000u, total) << log.Dump();
 }
 
-// POCO marks a task running when its thread starts, which would overwrite a
-// cancel that came before. (A cancel of a running wait: ModuleHost's stop.)
+// POCO marks a task running when its thread starts, over a cancel that came before.
 TEST(TaskLifecycle, ACancelBeforeTheThreadRunsIsNotLost) {
-    auto task = MakeServeTask("cancel", 64, 60000);
+    auto task = MakeServeTask("cancel");
     task->cancel();
     TaskRunner runner(task.get());
     ASSERT_EQ(0, runner.Start());
