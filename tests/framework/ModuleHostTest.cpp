@@ -27,14 +27,12 @@ bool IsLoaded(const char* path) {
 
 }  // namespace
 
-TEST(ModuleHost, SaysWhyALoadFailsAndRunsTheFileNotifyModuleLeavingNothingBehind) {
+TEST(ModuleHost, RefusesALibraryWithoutAModuleAndRunsTheFileNotifyModuleLeavingNothingBehind) {
     const long threadsBefore = TestUtil::CountEntries("/proc/self/task");
     const long fdsBefore = TestUtil::CountEntries("/proc/self/fd");
     {
         Framework::ModuleHost host;
         std::string error;
-        EXPECT_EQ(1, host.Load("/nonexistent/libnothing.so", error));
-        EXPECT_NE(std::string::npos, error.find("/nonexistent/libnothing.so")) << error;
         EXPECT_EQ(1, host.Load(FN_FRAMEWORK_LIB_PATH, error));
         EXPECT_NE(std::string::npos, error.find("does not export CreateModule")) << error;
         EXPECT_EQ(1, host.Start(error));
@@ -50,7 +48,7 @@ TEST(ModuleHost, SaysWhyALoadFailsAndRunsTheFileNotifyModuleLeavingNothingBehind
         std::string reply;
         EXPECT_EQ(3, consumer->SyncSendMsg(moduleId, "f", new ProbeMessage(probe, 3, "done"), reply, 1000, 2));
         EXPECT_EQ("done", reply);
-        const auto start = steady_clock::now();
+        const auto start = steady_clock::now();  // the cancel ends the loop in the middle of a wait
         host.Stop();
         EXPECT_LT(steady_clock::now() - start, milliseconds(2000));
         EXPECT_FALSE(IsLoaded(FN_MODULE_PATH));
