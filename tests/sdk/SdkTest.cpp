@@ -76,7 +76,7 @@ TEST(FileUtilsTest, KindsAndReads) {
         std::size_t maxBytes;
         std::string content;
     } cases[] = {
-        {d / "link", true, false, true, 5, "hello"},
+        {d / "link", true, false, true, 100, "hello world"},
         {d / "big", true, false, true, 200 * 1024 + 7, big.substr(0, 200 * 1024 + 7)},  // several reads
         {d / "dir", false, true, false, 100, ""},
         // No writer: an open that waited for one would hang here until the test times out.
