@@ -4,7 +4,6 @@
 #include <string>
 
 #include <Poco/AutoPtr.h>
-#include <Poco/Event.h>
 
 #include "framework/Message.h"
 #include "framework/Task.h"
@@ -15,20 +14,16 @@ namespace FrameworkTest {
 struct Probe {
     std::atomic<int> handled{0};
     std::atomic<int> destroyed{0};
-    std::atomic<int> lastHandlerTask{0};
 };
 
-// A message that reports its handling and destruction, answers with a fixed
-// result and reply, and can hold its handler until a gate opens.
+// A message that reports its handling and destruction and answers with a
+// fixed result and reply.
 class ProbeMessage : public Framework::Message {
 public:
-    explicit ProbeMessage(Probe& probe, int result = 0, std::string reply = std::string(), Poco::Event* gate = nullptr)
-        : Framework::Message("probe"), _probe(probe), _result(result), _replyText(std::move(reply)), _gate(gate) {}
+    explicit ProbeMessage(Probe& probe, int result = 0, std::string reply = std::string())
+        : Framework::Message("probe"), _probe(probe), _result(result), _replyText(std::move(reply)) {}
     ~ProbeMessage() override { ++_probe.destroyed; }
-
-    int MessageHandle(void* task) override {
-        if (_gate != nullptr) _gate->wait();
-        _probe.lastHandlerTask = static_cast<Framework::Task*>(task)->GetTaskId();
+    int MessageHandle(void*) override {
         GetMsgReply() = _replyText;
         ++_probe.handled;
         return _result;
@@ -38,26 +33,22 @@ private:
     Probe& _probe;
     int _result;
     std::string _replyText;
-    Poco::Event* _gate;
 };
 
 // A task that only serves its queue.
 class ServeTask : public Framework::Task {
 public:
-    explicit ServeTask(const std::string& name, int capacity = 1024, int waitMs = 3000)
-        : Framework::Task(name, "test_feature", Framework::TaskCondition::TASK_TYPE_EVENT, capacity), _waitMs(waitMs) {}
-    int Run() override { return ServeMessages(_waitMs); }
-
-protected:
-    ~ServeTask() override = default;
+    ServeTask(const std::string& name, int capacity)
+        : Framework::Task(name, "test_feature", Framework::TaskCondition::TASK_TYPE_EVENT, capacity) {}
+    int Run() override { return ServeMessages(3000); }
 
 private:
-    int _waitMs;
+    ~ServeTask() override = default;
 };
 
 // Reachable at once, running or not: messages queue for it.
-inline Poco::AutoPtr<ServeTask> MakeServeTask(const std::string& name, int capacity = 1024, int waitMs = 3000) {
-    Poco::AutoPtr<ServeTask> task(new ServeTask(name, capacity, waitMs));
+inline Poco::AutoPtr<ServeTask> MakeServeTask(const std::string& name, int capacity = 1024) {
+    Poco::AutoPtr<ServeTask> task(new ServeTask(name, capacity));
     task->Publish();
     return task;
 }

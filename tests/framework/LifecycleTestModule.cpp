@@ -1,6 +1,8 @@
 // A module for the host tests: every lifecycle step appends one line to the
-// file named by FN_LIFECYCLE_LOG; FN_LIFECYCLE_FAIL names a task whose Init fails.
+// file named by FN_LIFECYCLE_LOG; FN_LIFECYCLE_FAIL names a task whose Init
+// fails. A task's UnInit tells when its loop has not ended yet.
 
+#include <atomic>
 #include <cstdlib>
 #include <fstream>
 #include <string>
@@ -12,13 +14,7 @@ namespace {
 
 void Record(const std::string& line) {
     const char* path = std::getenv("FN_LIFECYCLE_LOG");
-    if (path == nullptr) return;
-    std::ofstream(path, std::ios::app) << line << '\n';
-}
-
-bool ShouldFail(const std::string& name) {
-    const char* fail = std::getenv("FN_LIFECYCLE_FAIL");
-    return fail != nullptr && name == fail;
+    if (path != nullptr) std::ofstream(path, std::ios::app) << line << '\n';
 }
 
 class RecordingTask : public Framework::Task {
@@ -27,18 +23,21 @@ public:
         : Framework::Task(name, "lifecycle", Framework::TaskCondition::TASK_TYPE_RESIDENT, 16) {}
     int Init() override {
         Record(GetTaskName() + " Init");
-        return ShouldFail(GetTaskName()) ? 7 : 0;
+        const char* failing = std::getenv("FN_LIFECYCLE_FAIL");
+        return failing != nullptr && GetTaskName() == failing ? 7 : 0;
     }
-    void UnInit() override { Record(GetTaskName() + " UnInit"); }
+    void UnInit() override { Record(GetTaskName() + (_running ? " UnInit while running" : " UnInit")); }
     int Run() override {
         Record(GetTaskName() + " Run");
+        _running = true;
         const int r = ServeMessages(60000);
-        Record(GetTaskName() + " Run end");
+        _running = false;
         return r;
     }
 
-protected:
+private:
     ~RecordingTask() override { Record(GetTaskName() + " destroyed"); }
+    std::atomic<bool> _running{false};
 };
 
 class RecordingModule : public Framework::Module {
@@ -52,7 +51,7 @@ public:
     }
     void UnInit() override { Record("module UnInit"); }
 
-protected:
+private:
     ~RecordingModule() override {
         ReleaseTasks();
         Record("module destroyed");
