@@ -4,7 +4,7 @@
 
 #include <cerrno>
 #include <string>
-#include <vector>
+#include <utility>
 
 #include <gtest/gtest.h>
 
@@ -22,11 +22,47 @@
 #include "TestUtil.h"
 #include "framework/TaskRunner.h"
 
+using Engine::FileNotifyMessage;
 using TestUtil::RecordingConsumer;
+
+namespace {
+
+// The receiver as the first base: a fixed Task-to-receiver offset would miss it.
+class ReceiverFirst : public Engine::AbstractMessageReceiver, public Framework::Task {
+public:
+    ReceiverFirst()
+        : Framework::Task("fn_test_receiver_first", "fn_test", Framework::TaskCondition::TASK_TYPE_EVENT, 16) {}
+    int Run() override { return 0; }
+    int FileNotifyMessageAction(FileNotifyMessage*) override { return 7; }
+};
+
+}  // namespace
+
+TEST(FileNotifyMessageTest, PathsLoseOneTrailingSlashAndHandleFindsTheReceiverPartOfTheTask) {
+    const std::pair<const char*, const char*> cases[] = {{"/a/b/", "/a/b"}, {"/a/b//", "/a/b/"}, {"/", ""}};
+    for (const auto& c : cases) {
+        FileNotifyMessage message(0, c.first, 0x100);
+        message.SetMoveEvent("/old/");
+        message.SetMoveEvent(c.first);  // a second move keeps the bits and replaces the target
+        EXPECT_EQ(c.second, message.GetEventFilePath()) << c.first;
+        EXPECT_EQ(c.second, message.GetMovetoFile()) << c.first;
+        EXPECT_EQ(0x1C0u, message.GetEventMask()) << c.first;
+    }
+    // The framework hands MessageHandle the receiving Framework::Task*.
+    Poco::AutoPtr<RecordingConsumer> consumer(new RecordingConsumer());
+    consumer->verdict = 5;
+    Poco::AutoPtr<ReceiverFirst> receiverFirst(new ReceiverFirst);
+    Poco::AutoPtr<TestUtil::ProbedTask> noReceiver(new TestUtil::ProbedTask());
+    FileNotifyMessage message(2, "/a/b/", 0x10000);
+    EXPECT_EQ(5, message.MessageHandle(static_cast<Framework::Task*>(consumer.get())));
+    EXPECT_EQ(7, message.MessageHandle(static_cast<Framework::Task*>(receiverFirst.get())));
+    EXPECT_EQ(1, message.MessageHandle(static_cast<Framework::Task*>(noReceiver.get())));
+    EXPECT_EQ(1, message.MessageHandle(nullptr));
+}
 
 // Handled on this thread, whose bypasses are lowered: a path that cannot come
 // into existence as written is refused once with its reason and never waits;
-// a missing one waits.
+// a missing one waits. (The empty and the too long path: FilenotifyCli.)
 TEST(FileNotifyTask, RequestsForPathsThatCanNeverBeWatchedAreRefused) {
     TestUtil::TempDir dir;
     TestUtil::MakeDir(dir / "locked");
@@ -41,33 +77,27 @@ TEST(FileNotifyTask, RequestsForPathsThatCanNeverBeWatchedAreRefused) {
     if (::stat((dir / "locked/x").c_str(), &status) == 0 || errno != EACCES) {
         GTEST_SKIP() << "mode 000 does not stop a search here";
     }
-    const struct {
-        std::string path;
-        const char* said;  // empty: kept pending
-    } cases[] = {
-        {"", "m_filePath is empty"},
-        {dir / std::string(4100, 'a'), "longer than PATH_MAX"},
+    const std::pair<std::string, const char*> cases[] = {
         {dir / std::string(300, 'n'), "longer than NAME_MAX"},
         {dir / "locked/x", "may not be searched"},
         {dir / "loop/x", "links loop"},
-        {dir / "later/x", ""},
+        {dir / "later/x", ""},  // kept pending
     };
-    Engine::_FileNotifyOpt opt;
-    opt.inotifyOnly = true;
-    for (const auto& c : cases) {
+    for (const auto& [path, said] : cases) {
         const std::size_t pending = task->PendingWatches().size();
         const long errors = log.Count(Engine::LOG_ERROR);
-        Engine::FileNotifyWatchMessage request(consumer.get(), c.path, {IN_CREATE}, opt);
-        EXPECT_EQ(1, request.MessageHandle(static_cast<Framework::Task*>(task.get()))) << c.said;
-        EXPECT_EQ("-1", request.GetMsgReply()) << c.said;
-        const bool refused = *c.said != '\0';
+        Engine::FileNotifyWatchMessage request(consumer.get(), path, {IN_CREATE},
+                                               TestUtil::InotifyOptions(IN_CREATE, false));
+        EXPECT_EQ(1, request.MessageHandle(static_cast<Framework::Task*>(task.get()))) << said;
+        EXPECT_EQ("-1", request.GetMsgReply()) << said;
+        const bool refused = *said != '\0';
         EXPECT_EQ(refused ? Engine::WatchFailure::Reason::BadPath : Engine::WatchFailure::Reason::Pending,
                   request.GetFailure().reason)
-            << c.said;
-        EXPECT_EQ(pending + (refused ? 0 : 1), task->PendingWatches().size()) << c.said;
-        ASSERT_EQ(errors + (refused ? 1 : 0), log.Count(Engine::LOG_ERROR)) << c.said << "\n" << log.Dump();
+            << said;
+        EXPECT_EQ(pending + (refused ? 0 : 1), task->PendingWatches().size()) << said;
+        ASSERT_EQ(errors + (refused ? 1 : 0), log.Count(Engine::LOG_ERROR)) << said << "\n" << log.Dump();
         if (refused) {
-            EXPECT_NE(std::string::npos, log.Texts(Engine::LOG_ERROR).back().find(c.said)) << log.Dump();
+            EXPECT_NE(std::string::npos, log.Texts(Engine::LOG_ERROR).back().find(said)) << log.Dump();
         }
     }
     ::chmod((dir / "locked").c_str(), 0755);
