@@ -110,7 +110,6 @@ TEST(SyncSend, AnswersOrFailsWithinItsTimeOut) {
     EXPECT_EQ(MSG_ERR_QUEUE_FULL, send(id, new ProbeMessage(probe), 200, 3));
     EXPECT_LT(took, milliseconds(2000));
     EXPECT_EQ(3, probe.destroyed.load());
-    EXPECT_EQ(1u, consumer->GetDroppedMsgCount());
 
     // A receiver destroyed with the message in its queue releases the sender at once.
     auto doomed = MakeServeTask("sync_doomed", 4);
