@@ -264,15 +264,15 @@ int Task::DeliverSync(unsigned long taskId, const char* type, Message* msg, int 
             if (receiver == nullptr) return MSG_ERR_UNKNOWN_TASK;
             if (receiver == this) return MSG_ERR_SELF;
             if (receiver->TryEnqueue(msg)) return MSG_OK;
-            if (attempt >= attempts) {
+            // Out of attempts or out of time: either way the message is dropped.
+            if (attempt >= attempts || std::chrono::steady_clock::now() >= deadline) {
                 receiver->CountDrop();
                 return MSG_ERR_QUEUE_FULL;
             }
         }
         // Spread the remaining attempts evenly over what is left of the time-out.
         const auto now = std::chrono::steady_clock::now();
-        if (now >= deadline) return MSG_ERR_QUEUE_FULL;
-        std::this_thread::sleep_for((deadline - now) / (attempts - attempt + 1));
+        if (now < deadline) std::this_thread::sleep_for((deadline - now) / (attempts - attempt + 1));
     }
 }
 

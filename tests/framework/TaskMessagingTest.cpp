@@ -107,8 +107,10 @@ TEST(SyncSend, AnswersOrFailsWithinItsTimeOut) {
 
     ASSERT_EQ(0, consumer->EnqueueMsg(new ProbeMessage(probe)));
     ASSERT_EQ(0, consumer->EnqueueMsg(new ProbeMessage(probe)));
+    const auto dropped = consumer->GetDroppedMsgCount();
     EXPECT_EQ(MSG_ERR_QUEUE_FULL, send(id, new ProbeMessage(probe), 200, 3));
     EXPECT_LT(took, milliseconds(2000));
+    EXPECT_EQ(dropped + 1, consumer->GetDroppedMsgCount());  // whether time or attempts ran out first
     EXPECT_EQ(3, probe.destroyed.load());
 
     // A receiver destroyed with the message in its queue releases the sender at once.
