@@ -241,7 +241,7 @@ protected:
     }
     int settled = 0;
     int UsedWatches() {
-        const auto& limit = task->GetInotifyWatch().GetLimit();
+        const auto& limit = task->InotifyWatch().GetLimit();
         return limit.GetLimitWatches() - limit.GetPermitWatchSize();
     }
 
@@ -342,7 +342,7 @@ TEST_F(InotifyWatchTest, AVanishedRootWaitsWithItsFanotifyPart) {
     EXPECT_EQ((std::vector<std::pair<int, unsigned int>>{{0, IN_CREATE | IN_DELETE_SELF}, {1, IN_OPEN | IN_ISDIR}}),
               waiting);
     EXPECT_EQ(0, UsedWatches());
-    EXPECT_TRUE(task->GetInotifyWatch().GetWatchData().Empty());
+    EXPECT_TRUE(task->InotifyWatch().GetWatchData().Empty());
 }
 
 TEST_F(InotifyWatchTest, TreeAddsHoldWhileTheTreeChanges) {

@@ -128,6 +128,6 @@ TEST(FileNotifyTask, ARequestWhoseSenderIsGoneFailsCleanly) {
     }  // the consumer is gone, then the module thread goes on
     const std::string gone = "the sender of a watch request is gone, taskId=" + std::to_string(senderId);
     ASSERT_TRUE(TestUtil::WaitUntil([&] { return log.Has(Engine::LOG_ERROR, gone); })) << log.Dump();
-    EXPECT_TRUE(task->GetInotifyWatch().GetWatchData().Empty());
+    EXPECT_TRUE(task->InotifyWatch().GetWatchData().Empty());
     EXPECT_TRUE(task->PendingWatches().empty());
 }

@@ -93,8 +93,6 @@ public:
 
     // Delivery of event messages to the consumers, for the engines.
     FileNotifyFlowControl& GetFlowControl() { return flowControl; }
-    // The inotify engine, for callers that already run on the task's thread.
-    FileInotifyWatch& GetInotifyWatch() { return fileInotifyWatch; }
 
 protected:
     ~FileNotifyTask() override;
@@ -116,7 +114,11 @@ private:
 
     // Before the engines: they send through it until they are gone.
     FileNotifyFlowControl flowControl;
+
+protected:
     FileInotifyWatch fileInotifyWatch;
+
+private:
     FileFanotifyWatch fileFanotifyWatch;
     FileNotifyMountWatch mountWatch;
     std::unique_ptr<Framework::Event> mountEvent;  // before mountWatch goes: its descriptor
