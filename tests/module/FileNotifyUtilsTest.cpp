@@ -36,6 +36,7 @@ TEST(FileNotifyUtilsTest, IgnoreWatchEventPassesOnlyWhatWasAskedFor) {
     };
     EXPECT_FALSE(passes({}, IN_CREATE));
     EXPECT_FALSE(passes({IN_MODIFY | IN_ONESHOT}, IN_ONESHOT));  // the sign bit
+    EXPECT_FALSE(passes({IN_MODIFY | IN_ISDIR}, IN_CREATE | IN_ISDIR));
     EXPECT_FALSE(passes({FAN_OPEN}, FAN_OPEN | FAN_ONDIR, true));
     EXPECT_TRUE(passes({FAN_OPEN, FAN_ONDIR}, FAN_OPEN | FAN_ONDIR, true));
     EXPECT_FALSE(passes({FAN_OPEN | FAN_ONDIR}, FAN_CLOSE_NOWRITE | FAN_ONDIR, true));
