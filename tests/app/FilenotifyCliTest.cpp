@@ -49,6 +49,7 @@ public:
         if (::pipe2(outPipe, O_CLOEXEC) != 0 || ::pipe2(errPipe, O_CLOEXEC) != 0) return;
         args.insert(args.begin(), FN_CLI_PATH);
         std::vector<char*> argv;
+        argv.reserve(args.size() + 1);
         for (auto& arg : args)
             argv.push_back(arg.data());
         argv.push_back(nullptr);
@@ -187,7 +188,7 @@ TEST(FilenotifyCli, WatchPrintsEveryKindOfEventAsValidJson) {
     TestUtil::Rename(d + "/sub/f", d + "/sub/g");
     ASSERT_EQ(0, ::unlink((d + "/sub/g").c_str()));
     for (const auto& name : names)
-        TestUtil::Touch(d + "/sub/" + name);
+        TestUtil::Touch(std::string(d).append("/sub/").append(name));
     ASSERT_TRUE(cli.WaitUntil([&] {
         const JsonLines all = cli.Json();
         return HasEvent(all, d + "/new", "ISDIR") && HasEvent(all, d + "/sub/f", "CLOSE_WRITE") &&
@@ -210,7 +211,7 @@ TEST(FilenotifyCli, WatchPrintsEveryKindOfEventAsValidJson) {
 // started in and printed absolute.
 TEST(FilenotifyCli, WhatIsPrintedAndWhenItEnds) {
     TestUtil::TempDir dir;
-    const std::string d = dir.path();
+    const std::string& d = dir.path();
     const std::string relative = std::filesystem::relative(d).string();
     TestUtil::MakeDir(d + "skip");
     Cli cli({"watch", "-r", "-e", "create", "--exclude", d + "skip", "--exclude-ext", "log", "-c", "3",

@@ -26,6 +26,7 @@ TEST(TaskQueue, ManyProducersEveryMessageHandledOnce) {
     ASSERT_EQ(0, runner.Start());
     constexpr int kThreads = 4, kEach = 5000;
     std::vector<std::thread> producers;
+    producers.reserve(kThreads);
     for (int t = 0; t < kThreads; ++t) {
         producers.emplace_back([&] {
             for (int i = 0; i < kEach; ++i)

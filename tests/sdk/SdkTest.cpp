@@ -23,8 +23,6 @@
 #include "sdk/PathUtils.h"
 #include "sdk/ProcessUtils.h"
 
-extern char** environ;
-
 namespace {
 
 using namespace SDK;
@@ -62,7 +60,7 @@ TEST(PathUtilsTest, CanonicalPathsAndInstallation) {
 TEST(FileUtilsTest, KindsAndReads) {
     TestUtil::TempDir d;
     std::string big;
-    while (big.size() < 300 * 1024)
+    while (big.size() < std::size_t{300} * 1024)
         big += std::to_string(big.size()) + ",";
     std::ofstream(d / "file") << "hello world";
     std::ofstream(d / "big") << big;

@@ -290,7 +290,7 @@ TEST_F(StressTest, OutOfDescriptorsEveryAccessIsAnsweredAndAllRecovers) {
     std::vector<std::unique_ptr<OpeningChild>> children;
     {
         rlimit tight = saved;
-        tight.rlim_cur = static_cast<rlim_t>(LowestFreeDescriptor() + 2);
+        tight.rlim_cur = static_cast<rlim_t>(LowestFreeDescriptor()) + 2;
         ASSERT_EQ(0, ::setrlimit(RLIMIT_NOFILE, &tight));
         TestUtil::AtScopeEnd restore([&] { ::setrlimit(RLIMIT_NOFILE, &saved); });
         // Each access is answered: allowed, or denied by the kernel when the
