@@ -258,21 +258,22 @@ bool Task::GetConsumerQueue(unsigned long taskId, const char* type, QueueState& 
 int Task::DeliverSync(unsigned long taskId, const char* type, Message* msg, int attempts,
                       std::chrono::steady_clock::time_point deadline) {
     for (int attempt = 1;; ++attempt) {
+        std::chrono::steady_clock::time_point now;
         {
             std::shared_lock<std::shared_mutex> lock;
             Task* receiver = LockConsumer(taskId, type, lock);
             if (receiver == nullptr) return MSG_ERR_UNKNOWN_TASK;
             if (receiver == this) return MSG_ERR_SELF;
             if (receiver->TryEnqueue(msg)) return MSG_OK;
+            now = std::chrono::steady_clock::now();
             // Out of attempts or out of time: either way the message is dropped.
-            if (attempt >= attempts || std::chrono::steady_clock::now() >= deadline) {
+            if (attempt >= attempts || now >= deadline) {
                 receiver->CountDrop();
                 return MSG_ERR_QUEUE_FULL;
             }
         }
         // Spread the remaining attempts evenly over what is left of the time-out.
-        const auto now = std::chrono::steady_clock::now();
-        if (now < deadline) std::this_thread::sleep_for((deadline - now) / (attempts - attempt + 1));
+        std::this_thread::sleep_for((deadline - now) / (attempts - attempt + 1));
     }
 }
 

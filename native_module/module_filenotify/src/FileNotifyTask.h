@@ -116,6 +116,7 @@ private:
     FileNotifyFlowControl flowControl;
 
 protected:
+    // Open to subclasses that look at the engine's bookkeeping.
     FileInotifyWatch fileInotifyWatch;
 
 private:
