@@ -9,6 +9,8 @@
 #include <cerrno>
 #include <cstdint>
 #include <cstring>
+#include <system_error>
+#include <thread>
 
 #include "CpuYield.h"
 #include "FileNotifyLimit.h"
@@ -89,9 +91,17 @@ FileInotify::FileInotify(FileNotifyLimit* limit) : _limit(limit) {
 // Closing the descriptor drops every kernel watch at once: a large tree
 // stops without a call per folder.
 FileInotify::~FileInotify() {
-    Finalize();
-    ClearWatch();
+    // The close drops every kernel watch at once, which takes the kernel tens
+    // of milliseconds for a large tree: the bookkeeping is freed meanwhile.
+    std::thread closing;
+    try {
+        closing = std::thread([this] { Finalize(); });
+    } catch (const std::system_error&) {
+        Finalize();  // no thread to spare: one after the other
+    }
+    ClearWatch(true);
     ClearRefreshWatch();
+    if (closing.joinable()) closing.join();
 }
 
 int FileInotify::Initialize() {
@@ -411,9 +421,9 @@ void FileInotify::ForgetSubFolders(std::vector<int> wds) {
     _watchSubItemMap.erase(kept, _watchSubItemMap.end());
 }
 
-int FileInotify::ClearWatch() {
+int FileInotify::ClearWatch(bool closing) {
     FN_LOG(LOG_DEBUG, "ClearWatch");
-    if (_fd >= 0) {
+    if (!closing && _fd >= 0) {
         std::vector<int> roots;
         for (const auto& entry : _watchItemMap)
             roots.push_back(entry.first);

@@ -137,9 +137,10 @@ public:
     int RemoveWatchImpl(int wd);
     int RemoveSubFolderWatch(int wd);
     int DeleteSubFolderCache(int wd);
-    // Removes every watch. Once the descriptor is closed (Finalize), the
-    // kernel has dropped them all: only the bookkeeping goes, in bulk.
-    int ClearWatch();
+    // Removes every watch. Once the descriptor is closed (Finalize), or while
+    // it is being closed (closing), the kernel drops them all: only the
+    // bookkeeping goes, in bulk.
+    int ClearWatch(bool closing = false);
     bool PathInSubFolderMap(const std::string& path) const { return _subFolderMap.count(path) != 0; }
     void UpdateWatchSize();
     // IN_Q_OVERFLOW records seen: each one means events were lost.
